@@ -82,6 +82,10 @@ KORN_API void setany(const char *name, const int *type, const int *ival, const d
 KORN_API void getany(const char *name, const int *type, int *ival, double *dval, int *lval,
                      char *cval, size_t name_len, size_t cval_len);
 
+/* The type of a settable parameter: 1 integer, 2 real, 3 character,
+ * 4 logical; 0 for a name the registry does not know. Never stops. */
+KORN_API int korn_parameter_type(const char *name, size_t name_len);
+
 /* Writes every parameter's default back. */
 KORN_API void korn_reset_parameters(void);
 

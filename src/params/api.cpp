@@ -61,6 +61,11 @@ void getany(const char* name, const int* type, int* ival, double* dval, int* lva
 
 void korn_reset_parameters(void) { kornlt::reset_parameters(); }
 
+int korn_parameter_type(const char* name, size_t name_len) {
+  const kornlt::ParamInfo* p = kornlt::find_param_any_type(fstr(name, name_len));
+  return p == nullptr || p->read_only ? 0 : static_cast<int>(p->type);
+}
+
 int korn_attach_unit(const int* unit, const char* path, const int* append, size_t path_len) {
   return kornlt::attach_unit(*unit, kornlt::trim_name(fstr(path, path_len)), append && *append != 0) ? 0 : 1;
 }
@@ -108,6 +113,7 @@ void setany_(const char*, const int*, const int*, const double*, const int*, con
     KORN_FORTRAN_ALIAS(setany);
 void getany_(const char*, const int*, int*, double*, int*, char*, size_t, size_t) KORN_FORTRAN_ALIAS(getany);
 void korn_reset_parameters_(void) KORN_FORTRAN_ALIAS(korn_reset_parameters);
+int korn_parameter_type_(const char*, size_t) KORN_FORTRAN_ALIAS(korn_parameter_type);
 int korn_attach_unit_(const int*, const char*, const int*, size_t) KORN_FORTRAN_ALIAS(korn_attach_unit);
 int korn_detach_unit_(const int*) KORN_FORTRAN_ALIAS(korn_detach_unit);
 
