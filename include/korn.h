@@ -51,6 +51,9 @@ KORN_API void korn_simple(double *a, int *ia, int *ja, double *u, double *f, int
                           const double *ecg1, const double *ecg2, const double *ewt2,
                           const int *nwt, const int *ntr, int *ierr);
 
+/* Wall-clock seconds of the setup and the solve phase of the last run. */
+KORN_API void korn_get_times(double *setup_seconds, double *solve_seconds);
+
 /* Stored controls of korn_simple, set and read by name. */
 KORN_API void korn_simple_set_integer(const char *name, const int *value, size_t name_len);
 KORN_API void korn_simple_set_real(const char *name, const double *value, size_t name_len);

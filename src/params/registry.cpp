@@ -13,7 +13,15 @@ Params& prm() {
   return params;
 }
 
-void reset_parameters() { prm() = Params{}; }
+InForce& in_force() {
+  static InForce values;
+  return values;
+}
+
+void reset_parameters() {
+  prm() = Params{};
+  in_force() = InForce{};
+}
 
 namespace {
 
@@ -22,10 +30,13 @@ namespace {
 // ---------------------------------------------------------------------------
 #define KORN_ENTRY(n, type, width, ro) \
   ParamInfo{#n, type, width, ro, [](Params& p) -> void* { return &p.n; }},
+// The read-only names report the values in force of the last call.
+#define KORN_ENTRY_RO(n, type) \
+  ParamInfo{#n, type, 0, true, [](Params&) -> void* { return &in_force().n; }},
 
 constexpr ParamInfo kRealParams[] = {
 #define KORN_REAL(n, d) KORN_ENTRY(n, ParamType::Real, 0, false)
-#define KORN_REAL_RO(n, d) KORN_ENTRY(n, ParamType::Real, 0, true)
+#define KORN_REAL_RO(n, d) KORN_ENTRY_RO(n, ParamType::Real)
 #define KORN_INT(n, d)
 #define KORN_INT_RO(n, d)
 #define KORN_LOGICAL(n, d)
@@ -43,7 +54,7 @@ constexpr ParamInfo kIntParams[] = {
 #define KORN_REAL(n, d)
 #define KORN_REAL_RO(n, d)
 #define KORN_INT(n, d) KORN_ENTRY(n, ParamType::Integer, 0, false)
-#define KORN_INT_RO(n, d) KORN_ENTRY(n, ParamType::Integer, 0, true)
+#define KORN_INT_RO(n, d) KORN_ENTRY_RO(n, ParamType::Integer)
 #define KORN_LOGICAL(n, d)
 #define KORN_CHAR(n, w, d)
 #include "korn_parameters.def"
@@ -87,6 +98,7 @@ constexpr ParamInfo kCharParams[] = {
 #undef KORN_CHAR
 };
 #undef KORN_ENTRY
+#undef KORN_ENTRY_RO
 
 constexpr std::string_view kForeignNames[] = {
 #define KORN_FOREIGN(n) #n,

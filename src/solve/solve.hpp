@@ -3,9 +3,12 @@
 #pragma once
 
 #include <array>
+#include <functional>
 #include <string_view>
 #include <vector>
 
+#include "control/control.hpp"
+#include "params/params.hpp"
 #include "store/store.hpp"
 
 namespace kornlt {
@@ -37,6 +40,7 @@ struct SmootherSettings {
   int nmin_vector = 1;        // the same for vector loops
   int smo_choice = 0;         // variant of relx_f; 0 = not available
   bool improve_smo = false;   // correction scaling in relx_f
+  int nsys = 1;               // unknowns per point; improve_smo scales one unknown only
 };
 
 // One pre- or post-smoothing step on a level: nrx times the sweep list.
@@ -47,6 +51,9 @@ void smoother(const LevelView& L, int first_point, const SmootherSettings& s, co
 void relx_gs(const LevelView& L, int step, bool do_cf, const SmootherSettings& s);
 // The alternative smoother of nxtyp 8.
 void relx_f(const LevelView& L, int step, bool do_cf, const SmootherSettings& s);
+// Builds solve_state().omega_jacobi_vec: nsys entries (1 for nsys <= 1), each
+// prm().omega_jacobi. Allocation failure: error 70.
+void mod_omegajac_alloc(int nsys);
 
 // ===========================================================================
 // Residuals and stopping criteria
@@ -61,6 +68,95 @@ double resid1(const Vec1<const double>& r, int norm_typ);
 // "L2", "L1", "MX"; the quasi-residual forms "q2", "q1", "qx".
 std::string_view norm_label(int norm_typ, bool quasi = false);
 
+// The same contract on rows ilo..ihi of a level (names itself
+// "compute_residual_norm"). When `r` is not empty, r(i) receives f(i) - (Au)(i).
+double compute_residual_norm(const LevelView& L, int ilo, int ihi, int norm_typ,
+                             const Vec1<double>& r = {});
+// Norm of f - A u for a half-stored matrix: each row holds its diagonal and one
+// triangle; the other triangle is the transpose. The transposed part is first
+// scattered into a work vector of the level's length (failure: error 70).
+double resid_half(const LevelView& L, int norm_typ, std::string_view routine = "resid");
+// L2 residual of a coarse level k >= 2; error 1 for level 1.
+double resid_k(const LevelView& L);
+// Wall-clock seconds spent in the residual routines (accumulated).
+double& residual_time();
+
+// Norms per unknown: res(0..nsys), element 0 the total, element k the norm of
+// the rows with iu(i) = k. unknowns_resids takes f - A u over the level's rows
+// (nmin_matrix); unknowns_resvect a given vector r over its range (nmin_vector);
+// iu covers the same rows. Errors: 211/210 with all elements -1.0, 1.
+void unknowns_resids(const LevelView& L, int norm_typ, const Vec1<const int>& iu, int nsys,
+                     const Vec1<double>& res);
+void unknowns_resvect(const Vec1<const double>& r, int norm_typ, const Vec1<const int>& iu,
+                      int nsys, const Vec1<double>& res);
+
+// The decoded stopping settings of a run.
+struct StopSettings {
+  int ncrit = 2;                  // number of criteria known to the code
+  int crit_mode = 1;              // icrits d1: 0 none, 1 all enabled must hold, 2 any
+  std::array<int, 2> crit_on{1, 0};  // icrits d2, d3: criterion 1 (res <= tol), 2 (stagnation)
+  int iauto_stop_level = 1;       // iauto_stop d1, with the sign of iauto_stop
+  int quasi_limit = 1;            // iauto_stop d2: mismatches of quasi and real residual allowed
+  int num_old_res = 0;            // iauto_stop d3 d4: old norms of the variation test
+  int num_old_apps = 0;           // iauto_stop d5 d6: small corrections that end the run
+  int last_digit = 0;             // iauto_stop d7
+  double factor_app_var = 1e-10;  // approximations equal below this relative size
+  double factor_res_var = 1.01;   // ratio of the residual variation test
+  double factor_quasi_res = 1.5;  // allowed ratio of quasi and real residual
+  double rel_app_var = 1e-5;      // threshold of the relative correction
+  int ncyc_min = 0;               // cycles before any stop
+};
+// Decodes icrits and iauto_stop into s, the real factors and ncyc_min from the
+// registry. Illegal digits: error 20; num_old_res < num_old_apps: warning -50.
+void decode_stop_settings(int icrits, int iauto_stop, StopSettings& s);
+
+// History and counters of the stopping tests during one solve.
+struct StopState {
+  std::vector<double> res_hist;  // num_old_res+1 norms, newest last
+  int num_res_stored = 0;
+  std::vector<double> app_hist;  // two columns of app_rows values, newest second
+  int app_rows = 0;
+  int num_apps_stored = 0;
+  std::vector<double> sol_correction;  // relative correction per row, nnu values
+  int num_small_corr = 0;  // consecutive iterations with a small correction
+  int num_quasi_diff = 0;  // quasi/real residual mismatches
+};
+// Clears the history and counters; allocates sol_correction (nnu) when
+// num_old_apps >= 1 (failure: error 70).
+void start_stop_state(StopState& st, const StopSettings& s, int nnu);
+// Appends a norm, dropping the oldest when full. Overflow of the counter: 200.
+void store_residual(StopState& st, const StopSettings& s, double res);
+// Appends u(lo..hi) as the newest approximation (two kept). Overflow: 200.
+void store_approximation(StopState& st, const Vec1<const double>& u);
+// sol_correction(i) := alpha p(i) / max(|u(i)|, machine epsilon) for i in p's range.
+void update_sol_correction(StopState& st, double alpha, const Vec1<const double>& p,
+                           const Vec1<const double>& u);
+// max |sol_correction(i)|.
+double max_sol_correction(const StopState& st);
+// Stagnation tests: status 0 none, -2 small corrections, -1 stagnation,
+// 1 divergence, 2 oscillation, 3 not converged, -99 too few approximations.
+void check_approximations(StopState& st, const StopSettings& s, int nnu, int& status);
+// The status of a variation flag -1 and an approximation result (0, 1, -1,
+// -2, -99), with its messages; another result is error 1 (returns 0).
+int approximation_status(int app_result, double dmax);
+// Final verdict: done = 1 to stop. With block scaling and both scaled values
+// >= 0 the tolerance test is made on the scaled pair.
+void stopping_crit(const StopSettings& s, int it, int itmax, double res, double tol, int status,
+                   int& done, double res_scaled = -1.0, double tol_scaled = -1.0);
+// Compares the recurrence norm q with the true norm t (only when t was
+// computed at this step): 0 fine, 1 mismatch below the limit, 2 limit reached
+// (the accelerator stops). Results 1 and 2 call for the accelerator's warning.
+int quasi_residual_check(StopState& st, const StopSettings& s, double q, double t, int norm_typ,
+                         bool true_computed = true);
+
+// Iteration table lines (print_line). The first: "cycl   0:" with "-res=".
+void table_first_line(std::string_view label, double res);
+// A cycle line; returns cfac = res / (prev + 1e-90). marker ' ' or '*'.
+double table_cycle_line(int it, std::string_view label, double res, double prev, char marker = ' ');
+// The closing average line, printed only when ncyc_done > ncyc_start; returns
+// (res_out / (res_start + 1e-90))^(1 / (ncyc_done - ncyc_start)), or -1.0.
+double table_average_line(int ncyc_start, int ncyc_done, double res_start, double res_out);
+
 // ===========================================================================
 // Solve driver and cycle
 // ===========================================================================
@@ -71,5 +167,78 @@ struct SolveState {
   std::vector<double> uold;              // Jacobi scratch, grows to the largest level
 };
 SolveState& solve_state();
+
+// Settings of the solution phase derived once per solve by solve_data.
+struct SolveSetup {
+  SweepList pre, post;       // nrd and nru taken apart
+  int jacobi_summary = -1;   // 1 only digit 7, -1 no digit 7, 0 both
+  int nrc_new = 7;           // coarsest solver really used
+  int lfil_cl_used = 0;
+  SweepList coarse_sweeps;   // sweep list of the smoothing coarse solver
+  double sqrt_conv_stop = 0.1;
+  SmootherSettings smoother;
+  int levels = 1;
+};
+
+// Derives the solve settings and prints the solver report.
+SolveSetup solve_data(const CoreCall& c, const Input& in);
+// Measures the first residual, sets the target, runs the stand-alone cycles
+// and then the accelerator. Updates u, res_in, res_out, ncyc_done.
+void korn_solve(CoreCall& c, const Input& in, const SolveSetup& setup);
+// One cycle on the hierarchy from level k0 (one-level: smoothing on level 1).
+void korn_cyc(const CoreCall& c, const Input& in, const SolveSetup& setup, int k0);
+
+// ===========================================================================
+// Accelerators
+// ===========================================================================
+
+// The preconditioner of an accelerator: z := M r on level 1, both over the
+// level's rows; z holds zeros on entry (cycles start from a zero guess). A
+// failure sets ierr (> 0) and the accelerator returns at once.
+using AccelPrecond = std::function<void(const Vec1<const double>& r, const Vec1<double>& z)>;
+// Called after each accelerator step, once u holds the new approximation, with
+// the updated cycle count: normalisation of u and the user's cycle hook.
+using AccelStepHook = std::function<void(int ncyc_done)>;
+
+// What the accelerators read; the driver fills it once per solve.
+struct AccelSettings {
+  int ncgrad = 1;            // 1 CG, 2 BI-CGSTAB, 3 flexible GMRES, 4 flexible CG
+  int ntyp_cg = 1;           // CG variant (ncgrad 1): 1 new_cgc, 2 old_cgc
+  int nkdim = 30;            // restart length: CG restart period, GMRES Krylov
+                             // dimension, directions kept by flexible CG
+  int ncyc = 30;             // maximum total cycle count, stand-alone cycles included
+  double tol = 0.0;          // absolute target t of the residual norm
+  int norm_typ = 0;          // 0 or 3 L2, 1 L1, 2 maximum norm
+  int nth_res_scratch = 1;   // a true residual every n-th step; 0 reads as 1
+  int out_level = 0;         // above 1: one table line per step
+  bool track_ap_p = false;   // log (Ap,p) of every CG step
+  AccelPrecond precond;      // empty: no preconditioning (z := r)
+  AccelStepHook after_step;  // may be empty
+};
+
+// The accelerators on level 1 of L. On entry `res` is the true residual norm
+// of L.u (negative: computed here) and `ncyc_done` the cycles done so far; a
+// zero `res` returns at once ("Residual already zero (...)!"). On return L.u
+// holds the new approximation, ncyc_done has grown by the steps made, and res
+// is the true norm of the final residual (res_out). Warnings stay in ierr:
+// -830 negative or zero curvature, -8m1 quasi and real residual differ, -8m2
+// stagnation or not converged, -843 too many BI-CGSTAB restarts, -8m4 small
+// relative corrections (m = 3 CG, 4 BI-CGSTAB, 5 GMRES). Errors: 70 work
+// vectors, 830 CG breakdown, 840 BI-CGSTAB breakdown, 850 singular matrix in
+// GMRES, and those of the residual routines, the hook or the preconditioner.
+void new_cgc(const LevelView& L, const AccelSettings& s, const StopSettings& ss, StopState& st,
+             int& ncyc_done, double& res);
+void old_cgc(const LevelView& L, const AccelSettings& s, const StopSettings& ss, StopState& st,
+             int& ncyc_done, double& res);
+void cgstab(const LevelView& L, const AccelSettings& s, const StopSettings& ss, StopState& st,
+            int& ncyc_done, double& res);
+void gmres(const LevelView& L, const AccelSettings& s, const StopSettings& ss, StopState& st,
+           int& ncyc_done, double& res);
+void flexcg(const LevelView& L, const AccelSettings& s, const StopSettings& ss, StopState& st,
+            int& ncyc_done, double& res);
+// Dispatch by ncgrad (and ntyp_cg): an illegal ntyp_cg is error 1, an illegal
+// ncgrad stops the run.
+void korn_accel(const LevelView& L, const AccelSettings& s, const StopSettings& ss, StopState& st,
+                int& ncyc_done, double& res);
 
 }  // namespace kornlt

@@ -5,6 +5,7 @@
 #include <array>
 #include <cassert>
 #include <cstdint>
+#include <vector>
 
 namespace kornlt {
 
@@ -62,5 +63,58 @@ inline LevelView level1_view(int nnu, int* ia, int* ja, double* a, double* u, do
 }
 
 inline constexpr int kMaxLevels = 25;
+
+// ---------------------------------------------------------------------------
+// Process-wide store state: level bounds, dimensions, memory counters.
+// ---------------------------------------------------------------------------
+struct StoreState {
+  // Level bounds, indexed 1..kMaxLevels (element 0 unused).
+  std::array<int, kMaxLevels + 1> imin{}, imax{}, ipmin{}, ipmax{};
+  int levels = 0;
+  int levels_done = 0;  // 0 before a setup, -1 after a failed one
+
+  // Upper bounds of the stacked arrays.
+  int nda = 0, ndu = 0, ndw = 0, ndv = 0;
+  int nnu_all = 0, nna_all = 0;
+
+  // Memory counters in elements; the watermark is memd + memi / int_per_real.
+  std::int64_t memi = 0, memd = 0, memi_p = 0, memd_p = 0;
+  std::int64_t maxeff = 0, maxcyc = 0;
+  int int_per_real = 2;
+  std::int64_t watermark() const { return memd + memi / int_per_real; }
+};
+StoreState& store();
+
+// Dimensions of the stacked arrays from the problem size and complexity
+// limits. `one_level`: no hierarchy will be built. Errors set ierr.
+struct DimensionArgs {
+  int nna, nnu, nsys, npnts;
+  double a_cmplx, g_cmplx, w_avrge, p_cmplx;
+  int run_mode_digit;
+  bool one_level;
+};
+void korn_dimensions(const DimensionArgs& d);
+
+// The matrix-format contract of a level-1 matrix: row pointers, column range,
+// no duplicate columns, a positive diagonal first in each row. Prints every
+// finding and sets ierr 40 on the first failure. `half`: only the lower
+// triangle is stored.
+void logical_check(int nnu, int nna, const int* ia, const int* ja, const double* a, bool half);
+
+// A lower-triangle matrix expanded to full storage (diagonal first), owned
+// by the library while a call runs on it.
+struct ExpandedMatrix {
+  std::vector<int> ia, ja;  // 1-based content: ia has nnu+1 values
+  std::vector<double> a;
+  bool valid = false;
+};
+ExpandedMatrix& expanded_matrix();
+// Expands the lower triangle (diagonal included) of a half-stored matrix.
+void extend_matrix(int nnu, const int* ia, const int* ja, const double* a);
+void release_expanded_matrix();
+
+// Symmetry and row-sum measures against what `matrix` claims (chktol > 0).
+void additional_checks(int nnu, const int* ia, const int* ja, const double* a, double chktol, int isym,
+                       int irow0);
 
 }  // namespace kornlt
