@@ -4,7 +4,7 @@
 BUILD   ?= build
 JOBS    ?= $(shell nproc 2>/dev/null || echo 2)
 PKGS    := cmake make g++ gfortran libgomp1 liblapack-dev libblas-dev libgtest-dev
-TSAN_PKGS := clang libomp-dev
+TSAN_PKGS := clang libclang-rt-dev libomp-dev
 CMAKE_FLAGS ?=
 
 .PHONY: all deps tsan-deps build demo test sanitize tsan bench clean
@@ -28,19 +28,23 @@ demo: build
 test: build
 	@cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
 
-# AddressSanitizer + UndefinedBehaviorSanitizer over the whole test suite.
+# AddressSanitizer + UndefinedBehaviorSanitizer over the whole test suite; any
+# finding (leaks included) fails the test. Runtime options: cmake/sanitizer_defaults.cpp.
+SAN_CTEST := ctest --output-on-failure --no-tests=error --timeout 1800 -j $(JOBS)
+
 sanitize: deps
 	@cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DKORN_SANITIZE=address >/dev/null
 	@cmake --build build-asan -j $(JOBS)
-	@cd build-asan && ctest --output-on-failure -j $(JOBS)
+	@cd build-asan && $(SAN_CTEST)
 
-# ThreadSanitizer over the threaded tests: clang with LLVM's OpenMP runtime,
-# whose archer tool tells TSan about OpenMP's own synchronisation.
+# ThreadSanitizer over the threaded tests with 2 threads: clang with LLVM's
+# OpenMP runtime, whose archer tool (loaded by the tests through
+# OMP_TOOL_LIBRARIES) tells TSan about OpenMP's own synchronisation.
 tsan: tsan-deps
-	@CC=clang CXX=clang++ cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DKORN_SANITIZE=thread >/dev/null
+	@cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DKORN_SANITIZE=thread \
+	    -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ >/dev/null
 	@cmake --build build-tsan -j $(JOBS)
-	@cd build-tsan && OMP_NUM_THREADS=2 TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
-	    ctest --output-on-failure -j $(JOBS) -L threaded
+	@cd build-tsan && OMP_NUM_THREADS=2 $(SAN_CTEST) -L threaded
 
 bench: deps
 	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release -DKORN_BUILD_BENCH=ON >/dev/null
