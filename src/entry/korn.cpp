@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "control/control.hpp"
+#include "entry/entry.hpp"
 #include "entry/export.hpp"
 #include "korn.h"
 #include "log/log.hpp"
@@ -13,27 +14,12 @@
 
 namespace kornlt {
 
-namespace {
-
-// The stored controls of korn_simple, each with a flag telling that it was
-// set by name (such a value is not translated from the call's arguments).
-template <class T>
-struct Stored {
-  T value;
-  bool set_by_name = false;
-};
-
-struct SimpleControls {
-  Stored<int> nsolve{2}, ifirst{1}, ncyc{12030}, iswtch{5117}, idump{1}, iout{2};
-  Stored<double> eps{1.0e-8}, a_cmplx{1.2}, g_cmplx{1.2}, p_cmplx{1.2}, w_avrge{1.2}, chktol{-1.0e-6};
-  int control = 0;
-  double hclose = 0.0;
-};
-
 SimpleControls& simple() {
   static SimpleControls s;
   return s;
 }
+
+namespace {
 
 template <int N>
 std::array<int, N> fields(int value, int* ndigit = nullptr) {
@@ -51,8 +37,6 @@ int pow10(int e) {
 
 }  // namespace
 
-// The coarsening variant of a run-mode switch: fields 3 and 4 as one number
-// (0 reads as 40, 99 as 20) mapped to the coarsening code of the user's table.
 int coarsening_variant(int iswit) {
   const auto d = fields<8>(iswit);
   int v = 10 * d[2] + d[3];
@@ -63,7 +47,6 @@ int coarsening_variant(int iswit) {
   return 5;
 }
 
-// The core call after the block-scaling layer.
 void korn_unscaled(CoreCall& c) {
   const Params& p = prm();
   if (c.nnu < 1) {
@@ -136,7 +119,6 @@ void korn(const int* nnu, const int* nna, const int* nsys, int* ia, int* ja, dou
 
 namespace kornlt {
 
-// The older call: translates its codes into the core call.
 void korn_simple_call(double* a, int* ia, int* ja, double* u, double* f, int nnu, int matrix, int iswtch,
                       int iout, int iprint, int ifirst, int& ncyc, double& eps, int& ierr_out) {
   SimpleControls& s = simple();
