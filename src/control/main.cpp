@@ -117,6 +117,9 @@ void korn_cleanup(std::string_view text, bool keep_parts) {
   ctl.struct_ident_saved = 0;
   StoreState& st = store();
   if (!keep_parts) {
+    u_dealloc();
+    a_dealloc();
+    w_dealloc();
     st.levels = 0;
     st.levels_done = 0;
   }
@@ -183,6 +186,8 @@ void korn_main(CoreCall& c) {
     fail(kErrPointer, "Wrong pointer value: ia0(nnu+1)-1 <> nna in (korn_main)!");
     return error_exit();
   }
+
+  bind_level1(c.nnu, c.ia, c.ja, c.a, c.u, c.f);
 
   // 9-13. Banner, matrix modifications, dumps, checks.
   print_banner(in);

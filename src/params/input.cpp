@@ -11,6 +11,7 @@
 
 #include "log/log.hpp"
 #include "params/params.hpp"
+#include "solve/solve.hpp"
 
 namespace kornlt {
 
@@ -46,40 +47,6 @@ double complexity_in_force(double given, double dflt, double agg_dflt, bool aggr
 int widen_smoothing_code(int n) {
   if (std::abs(n) >= 10 || n == 0) return n;
   return n > 0 ? 100 * n + 31 : 100 * n - 31;
-}
-
-// Steps 18 to 20: the stopping criteria (icrits) and the automatic stopping
-// tests (iauto_stop).
-void decode_stopping(Input& in) {
-  const Digits<4> ic(prm().icrits);
-  if (ic[1] > 2) return illegal("icrits[1:1]");
-  if (ic[2] > 1) return illegal("icrits[2:2]");
-  if (ic[3] > 1) return illegal("icrits[3:3]");
-  in.icrits = {ic[1], ic[2], ic[3]};
-
-  const int code = prm().iauto_stop;
-  const Digits<9> as(code);
-  int level = code < 0 ? -as[1] : as[1];
-  if (level != 0 && level != 1) return illegal("iauto_stop_level");
-  in.iauto_stop_level = level;
-  if (level == 0 && as[1] == 0) {
-    in.quasi_limit = in.num_old_res = in.num_old_apps = in.iauto_last = 0;
-  } else {
-    in.quasi_limit = as[2];
-    in.num_old_res = 10 * as[3] + as[4];
-    in.num_old_apps = 10 * as[5] + as[6];
-    in.iauto_last = as[7];
-  }
-  if (in.icrits[2] == 1 && in.iauto_stop_level < 1) {
-    print_message(kMsgInfo, 0, 0, "Since iauto_stop_level < 1, additional resets:");
-    print_message(kMsgInfo, 0, 0, "      iauto_stop_level=1 and num_old_res=3");
-    in.iauto_stop_level = 1;
-    in.num_old_res = 3;
-  }
-  if (in.num_old_res < in.num_old_apps && in.num_old_res != 0) {
-    warn(kWarnParameterCorrected, "num_old_res < num_old_apps! Reset: num_old_res=num_old_apps");
-    in.num_old_res = in.num_old_apps;
-  }
 }
 
 // Step 36 to 41: nsolve, the approach and the smoother family.
@@ -329,9 +296,18 @@ void korn_input(const InputArgs& args) {
     in.matrix_tail = {mx[4], mx[5], mx[6]};
   }
 
-  // 18-20.
-  decode_stopping(in);
-  if (failed()) return;
+  // 18-20. Stopping criteria (icrits) and automatic stopping tests (iauto_stop).
+  {
+    StopSettings stop;
+    decode_stop_settings(p.icrits, p.iauto_stop, stop);
+    if (failed()) return;
+    in.icrits = {stop.crit_mode, stop.crit_on[0], stop.crit_on[1]};
+    in.iauto_stop_level = stop.iauto_stop_level;
+    in.quasi_limit = stop.quasi_limit;
+    in.num_old_res = stop.num_old_res;
+    in.num_old_apps = stop.num_old_apps;
+    in.iauto_last = stop.last_digit;
+  }
 
   // 21. Accelerator variant.
   {

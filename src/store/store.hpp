@@ -67,6 +67,27 @@ inline constexpr int kMaxLevels = 25;
 // ---------------------------------------------------------------------------
 // Process-wide store state: level bounds, dimensions, memory counters.
 // ---------------------------------------------------------------------------
+// The states of `icg` during setup; after operator preparation a C-variable's
+// icg is its index on the next level.
+enum IcgState : int {
+  kIcgC = 1,                    // coarse (any positive value)
+  kIcgF = -1,                   // fine, with a strong C neighbour when decided
+  kIcgUndecided = -2,           // undecided; what remains at the end counts as F (XF)
+  kIcgAggressiveF = -3,         // C of the first pass turned F by aggressive coarsening
+  kIcgFF = 0,                   // forced fine: not interpolated, not on the coarse level
+  kIcgOutside = -999999999,     // not taking part in this coarsening
+  kIcgMultipass = -1000000000,  // F-variable left for the multi-pass interpolation
+};
+
+// The strong end of row i while its level is being coarsened: the position of
+// the last strong coupling, ia(i) for none, 0 for a row that cannot be treated
+// normally. It lives in the diagonal's column slot ja(ia(i)).
+inline int& strong_end(const LevelView& L, int i) { return L.ja(L.ia(i)); }
+// Puts the diagonal convention ja(ia(i)) = i back on every row of the level.
+inline void restore_diagonals(const LevelView& L) {
+  for (int i = L.ilo; i <= L.ihi; ++i) L.ja(L.ia(i)) = i;
+}
+
 struct StoreState {
   // Level bounds, indexed 1..kMaxLevels (element 0 unused).
   std::array<int, kMaxLevels + 1> imin{}, imax{}, ipmin{}, ipmax{};
@@ -77,13 +98,50 @@ struct StoreState {
   int nda = 0, ndu = 0, ndw = 0, ndv = 0;
   int nnu_all = 0, nna_all = 0;
 
+  // The caller's level 1 (bound for the duration of a call).
+  int nnu = 0, nna = 0;
+  int* ia1 = nullptr;
+  int* ja1 = nullptr;
+  double* a1 = nullptr;
+  double* u1 = nullptr;
+  double* f1 = nullptr;
+
+  // The library's stacked continuation, addressed by global index through
+  // level_view(): ia over nnu+1..ndu+1, ja and a over nna+1..nda, u and f
+  // over nnu+1..ndu. icg over 1..ndu, iw over 1..ndu+1, jw and w over 1..ndw.
+  std::vector<int> ia, ja;
+  std::vector<double> a, u, f;
+  std::vector<int> icg, iw, jw;
+  std::vector<double> w;
+
   // Memory counters in elements; the watermark is memd + memi / int_per_real.
   std::int64_t memi = 0, memd = 0, memi_p = 0, memd_p = 0;
   std::int64_t maxeff = 0, maxcyc = 0;
   int int_per_real = 2;
   std::int64_t watermark() const { return memd + memi / int_per_real; }
+  // What each array family added to the counters, so a release subtracts it.
+  std::int64_t cnt_icg = 0, cnt_iw = 0, cnt_ia = 0, cnt_uf = 0, cnt_iu = 0, cnt_ip = 0, cnt_a = 0, cnt_w = 0;
 };
 StoreState& store();
+
+// Binds the caller's level-1 arrays for this call.
+void bind_level1(int nnu, int* ia, int* ja, double* a, double* u, double* f);
+// The view of level k (1 = the caller's arrays) over the stacked arrays.
+// Valid until the next growth of the arrays.
+LevelView level_view(int k);
+
+// Allocation families. Each counts what it adds, keeps what fits under
+// `keepmem`, and reports a failure by name with ierr 70.
+//  u_alloc selector 1 icg (1..ndimu), 2 iw (1..ndimu+1), 3 ia (nnu+1..ndimu+1),
+//  4 u and f (nnu+1..ndimu), 5 iu and ip (one element at nnu+1).
+void u_alloc(int selector, int nnu, int ndimu);
+void a_alloc(int nna, int ndima);  // a, ja over nna+1..ndima
+void w_alloc(int ndimw);           // w, jw over 1..ndimw
+void u_dealloc();
+void a_dealloc();
+void w_dealloc();
+// Test hook: the n-th allocation from now fails (0 = none).
+void fail_allocation_after(int n);
 
 // Dimensions of the stacked arrays from the problem size and complexity
 // limits. `one_level`: no hierarchy will be built. Errors set ierr.
