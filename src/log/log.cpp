@@ -71,8 +71,10 @@ int unit_of_file(std::string_view path) {
   return -1;
 }
 
+// A standard unit may be attached too (logio 6 with a logfile, as a Fortran
+// OPEN on a preconnected unit): it writes to the file until it is detached.
 bool attach_unit(int unit, std::string_view path, bool append) {
-  if (!unit_exists(unit) || is_standard_unit(unit)) return false;
+  if (!unit_exists(unit)) return false;
   detach_unit(unit);
   const std::string name(path);
   std::FILE* f = std::fopen(name.c_str(), append ? "a" : "w");
@@ -91,9 +93,9 @@ int detach_unit(int unit) {
 }
 
 std::FILE* unit_stream(int unit) {
-  if (unit == kStderrUnit) return stderr;
   auto& files = units().files;
   if (const auto it = files.find(unit); it != files.end()) return it->second.stream;
+  if (unit == kStderrUnit) return stderr;
   if (unit == kStdoutUnit || unit == kStdinUnit || !unit_exists(unit)) return stdout;
   // An unconnected file unit behaves as in Fortran: it writes to "fort.<n>".
   if (attach_unit(unit, "fort." + std::to_string(unit), true)) return files[unit].stream;
