@@ -167,6 +167,7 @@ SolveSetup solve_data(const CoreCall& c, const Input& in) {
   sm.omega_jacobi = omega.empty() ? p.omega_jacobi : omega.front();
   sm.nmin_matrix = p.nmin_matrix;
   sm.nmin_vector = p.nmin_vector;
+  sm.nsys = c.nsys;
 
   if (p.mode_mess > 0 && in.nxtyp == 0 && in.igam < 5) {
     print_message(kMsgControl, 0, 0,

@@ -140,6 +140,14 @@ void w_alloc(int ndimw);           // w, jw over 1..ndimw
 void u_dealloc();
 void a_dealloc();
 void w_dealloc();
+// Growth during setup (iextent of iswit: 0 off, 1 memory then scratch file,
+// 2 memory only, 3 scratch file). a_extent makes room in a, ja of level k:
+// n < 0 asks for exactly |n| entries beyond pos (the last entry in use),
+// n >= 0 for an estimate of the rest of the level of at least n. u_extent
+// makes ndu cover imax(k) (icg, iw, ia). Errors: 10, 60, 70.
+void a_extent(int k, int n, int pos, int rows_done, int entries_done);
+void u_extent(int k);
+
 // Test hook: the n-th allocation from now fails (0 = none).
 void fail_allocation_after(int n);
 
