@@ -186,8 +186,7 @@ SolveSetup solve_data(const CoreCall& c, const Input& in) {
   return s;
 }
 
-void korn_cyc(const CoreCall& c, const Input& in, const SolveSetup& s, int k0) {
-  const LevelView L = level1_view(c.nnu, c.ia, c.ja, c.a, c.u, c.f);
+void korn_cyc(const LevelView& L1, const Input& in, const SolveSetup& s, int k0) {
   if (s.levels > 1 || k0 != 1) {
     fail(kErrNotAvailable, "Multigrid cycling is not available in this build (cyc)!");
     return;
@@ -196,9 +195,9 @@ void korn_cyc(const CoreCall& c, const Input& in, const SolveSetup& s, int k0) {
     fail(kErrNotAvailable, "Coarsest-level solvers are not available in this build (cyc)!");
     return;
   }
-  smoother(L, 1, s.smoother, s.pre, false);
+  smoother(L1, 1, s.smoother, s.pre, false);
   if (failed()) return;
-  smoother(L, 1, s.smoother, s.post, false);
+  smoother(L1, 1, s.smoother, s.post, false);
 }
 
 void korn_solve(CoreCall& c, const Input& in, const SolveSetup& s) {
@@ -266,7 +265,7 @@ void korn_solve(CoreCall& c, const Input& in, const SolveSetup& s) {
   for (int i = 1; i <= n_cyc && !reached; ++i) {
     ++*c.ncyc_done;
     if (in.igam < 5) {
-      korn_cyc(c, in, s, 1);
+      korn_cyc(L, in, s, 1);
     } else {
       SweepList sweeps;
       sweeps.nrx = n_cyc;
@@ -290,14 +289,62 @@ void korn_solve(CoreCall& c, const Input& in, const SolveSetup& s) {
   }
   *c.res_out = res;
 
-  // 16. Accelerator.
+  // 16. Accelerator, with cycles (or the one-level method) as preconditioner.
   if (!reached && in.ncgrad > 0 && *c.ncyc_done < in.ncycle) {
-    fail(kErrNotAvailable, "Krylov acceleration is not available in this build (korn_solve)!");
-    return;
+    if (in.igam == 6) {
+      fail(kErrNotAvailable, "IC(0) preconditioning is not available in this build (korn_solve)!");
+      return;
+    }
+    StopSettings stop;
+    decode_stop_settings(p.icrits, p.iauto_stop, stop);
+    StopState history;
+    start_stop_state(history, stop, c.nnu);
+    if (failed()) return;
+    AccelSettings as;
+    as.ncgrad = in.ncgrad;
+    as.ntyp_cg = in.ntyp_cg;
+    as.nkdim = in.nkdim;
+    as.ncyc = in.ncycle;
+    as.tol = target;
+    as.norm_typ = in.norm_typ;
+    as.nth_res_scratch = in.nth_res_scratch;
+    as.out_level = table ? in.out_level : 0;
+    as.track_ap_p = bool(p.track_ap_p);
+    if (in.igam == 5) {
+      // Diagonal scaling.
+      as.precond = [&L](const Vec1<const double>& r, const Vec1<double>& z) {
+        const int* ia = L.ia.origin();
+        const double* a = L.a.origin();
+        for_blocks(L.ilo, L.ihi, prm().nmin_vector, [&](int lo, int hi, int) {
+          for (int i = lo; i <= hi; ++i) z(i) = r(i) / a[ia[i]];
+        });
+      };
+    } else {
+      // inner_accel cycles from a zero guess on the system A z = r.
+      as.precond = [&](const Vec1<const double>& r, const Vec1<double>& z) {
+        LevelView Lp = L;
+        Lp.u = z;
+        Lp.f = Vec1<double>(const_cast<double*>(&r(r.lo())), r.lo(), r.hi());
+        for (int it = 0; it < p.inner_accel && !failed(); ++it) korn_cyc(Lp, in, s, 1);
+      };
+    }
+    as.after_step = [&](int) { normalise(c, in); };
+    double res_acc = res;
+    korn_accel(L, as, stop, history, *c.ncyc_done, res_acc);
+    if (res_acc >= 0.0) *c.res_out = res_acc;
+    if (failed()) return;
   }
 
   // 17. Closing line of the table.
-  if (table) table_average_line(ncyc_start, *c.ncyc_done, res_start, *c.res_out);
+  // Without a recorded residual after ncyc_start cycles, the average runs
+  // over all cycles.
+  if (table) {
+    if (res_start >= 0.0) {
+      table_average_line(ncyc_start, *c.ncyc_done, res_start, *c.res_out);
+    } else {
+      table_average_line(0, *c.ncyc_done, res_in, *c.res_out);
+    }
+  }
 }
 
 }  // namespace kornlt

@@ -186,7 +186,9 @@ SolveSetup solve_data(const CoreCall& c, const Input& in);
 // and then the accelerator. Updates u, res_in, res_out, ncyc_done.
 void korn_solve(CoreCall& c, const Input& in, const SolveSetup& setup);
 // One cycle on the hierarchy from level k0 (one-level: smoothing on level 1).
-void korn_cyc(const CoreCall& c, const Input& in, const SolveSetup& setup, int k0);
+// L1 is level 1 with the vectors to work on (the caller's u and f, or a
+// preconditioning pair).
+void korn_cyc(const LevelView& L1, const Input& in, const SolveSetup& setup, int k0);
 
 // ===========================================================================
 // Accelerators
