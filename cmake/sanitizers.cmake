@@ -38,6 +38,10 @@ elseif(NOT KORN_SANITIZE STREQUAL "")
 endif()
 
 if(_korn_san)
+  # Instrumented code gives false warnings (GCC's -Wmaybe-uninitialized inside
+  # <regex>, for one); warnings stay visible but do not stop these builds. The
+  # Release build keeps them as errors.
+  list(REMOVE_ITEM KORN_WARNINGS -Werror)
   add_compile_options(${_korn_san} -g -O1)
   add_link_options(${_korn_san})
   set(KORN_SANITIZER_SOURCES ${CMAKE_CURRENT_LIST_DIR}/sanitizer_defaults.cpp)
