@@ -293,7 +293,6 @@ void mark_rows_enhanced(const int* ia, int* ja, const double* a, int lo, int hi,
         pos[i] = r.pmin;
       }
     }
-
   }
 }
 
