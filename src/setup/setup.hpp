@@ -56,4 +56,97 @@ void rwsrt_fail_next_allocation();
 // Coarse-point selection
 // ===========================================================================
 
+// ===========================================================================
+// Interpolation
+// ===========================================================================
+// Rows of interpolation of one level, written to the store: iw(i) for the
+// level's rows ilo..ihi and iw(ihi+1) the end (stacked numbering as ia; the
+// caller sets iw(ilo), iw(1) = 1 on the first level), jw with FINE indices
+// of C-variables, w the weights. A C-variable has the unit row (itself, 1.0),
+// an FF-variable (icg 0) an empty row. ja(ia(i)) must hold the strong ends of
+// the row sort; they are left in place.
+
+// What the level driver passes down to the interpolation routines.
+struct InterpSettings {
+  int nwtint = 2;      // pwint1_aa: 1 direct, 2 standard, 3 extended
+  int ntrunc = 1;      // truncation: < 1 none, 1 one threshold for both signs, 2 one per sign
+  double etr1 = 0.2;   // truncation threshold of the first build (first number of etr)
+  double ewt2 = 0.2;   // extended: a weak entry a_ik > ewt2 * |a(ia(i)+1)| is eliminated
+  int nsys = 1, nstyp = 1;
+  int nprim = 0;       // > 0: only variables of this unknown get rows
+  Vec1<int> iu;        // variable-to-unknown map over ilo..ihi; needed for nprim > 0 or nstyp > 1
+  int msg_level = 0;   // >= 0: report lines
+};
+
+struct InterpResult {
+  double gratio = 0.0;       // nc / nvars after the interpolation (F->C changes included)
+  int nc = 0;                // C-variables of the level
+  int nconverted = 0;        // F-variables turned C ("#vars->C=")
+  double avg_weights = 0.0;  // average length of the F-rows
+  int attempts = 0, passes = 0;  // multi-pass: attempts made, passes of the last attempt
+};
+
+// Direct, standard and extended interpolation (nwtint 1, 2, 3). A variable
+// whose reduced diagonal is lost becomes C (direct first retries with
+// substitution). Thread-parallel (ninter_omp 1): static row blocks with
+// private markers and storage, merged in block order; conversions found in
+// the blocks are replayed serially in rising order, so the result is the
+// serial one bit for bit. Errors: 140 illegal nwtint, 70 allocation, 72 a
+// block failed, 100 no rows, 10/60 growth of w.
+InterpResult pwint1_aa(const LevelView& L, const InterpSettings& s);
+InterpResult pwint1_aa_serial(const LevelView& L, const InterpSettings& s);
+
+// Multi-pass interpolation of an aggressive level: passes over the
+// F-variables, each row taking finished rows of earlier passes, at most
+// ipass_max passes per attempt and numtry attempts (warnings -140). Rows are
+// built in completion order and put back in variable order by wfinal.
+InterpResult pwint2_aa(const LevelView& L, const InterpSettings& s, int ipass_max, int numtry);
+InterpResult pwint2_aa_serial(const LevelView& L, const InterpSettings& s, int ipass_max, int numtry);
+
+// Passes and attempts of the multi-pass: ipass_max 5 when nint_force is 1,
+// else 4 on an aggressive level and 2 (+1 on a cluster level) otherwise;
+// positive ipass_max_set / numtry_max_set replace them; numtry default 2.
+void multipass_limits(bool aggressive, bool cluster, int nint_force, int& ipass_max, int& numtry);
+
+// One improvement sweep: each F-row is rebuilt with its F-neighbours (strong
+// ones, all for iall 1) replaced by their current interpolation rows, then
+// truncated with etr2 (s.etr1 is not used). Errors 140, 70.
+void pwiter(const LevelView& L, const InterpSettings& s, int iall, double etr2);
+
+// Puts rows built in completion order (rows rfirst..rlast, F-variable i
+// holding icg(i) = -r) back in variable order from iw(rfirst) on: C unit
+// rows, finished F-rows (icg then -1), empty rows for the rest (FF, outside).
+// icg is the level's view over ilo..ihi. Errors 70, 10/60.
+void wfinal(int k, int ilo, int ihi, int rfirst, int rlast, const Vec1<int>& icg);
+
+// Growth of w, jw: makes positions up to pos + |n| addressable, keeping
+// 1..pos. n < 0 asks for exactly |n|; n >= 0 for at least n, growing by
+// half the array at least. Counts memi, memd, cnt_w; ndw follows. Errors:
+// 10 growth switched off (iextent 0) or beyond ihuge, 60 growth failed.
+void w_extent(int k, int n, int pos);
+
+// The transpose of one level's interpolation, used as restriction: one row
+// per coarse variable iclo..ichi, entries in rising fine row.
+struct Transpose {
+  int iclo = 1, ichi = 0;    // coarse variables (rows of the transpose)
+  std::vector<int> iwt;      // ichi-iclo+2 values: row ic holds positions
+                             // iwt[ic-iclo] .. iwt[ic-iclo+1]-1 (1-based) of jwt, wt
+  std::vector<int> jwt;      // fine row (global index)
+  std::vector<double> wt;    // weight
+  // Entry (position p, 1-based) accessors.
+  int row_begin(int ic) const { return iwt[static_cast<std::size_t>(ic - iclo)]; }
+  int row_end(int ic) const { return iwt[static_cast<std::size_t>(ic - iclo + 1)]; }
+};
+// Builds t from rows ilo..ihi of iw, jw, w with jw in COARSE indices
+// iclo..ichi (as after operator preparation). Threaded (nmin_matrix) and
+// independent of timing. Errors: 70 allocation.
+void build_transpose(Transpose& t, int ilo, int ihi, int iclo, int ichi, const Vec1<int>& iw,
+                     const Vec1<int>& jw, const Vec1<double>& w);
+// The same for level k of the store (fine rows imin(k)..imax(k), coarse
+// imin(k+1)..imax(k+1)).
+void build_transpose_level(Transpose& t, int k);
+
+// Test hook: the next allocation of the interpolation's work arrays fails.
+void interp_fail_next_allocation();
+
 }  // namespace kornlt
