@@ -314,9 +314,12 @@ bool pw1_replay(const LevelData& L, const RowParams& rp, const std::vector<int>&
     if (!conv) continue;
     L.icg[j] = kIcgC;
     ++nconverted;
+    // Rows holding j read its state; rows holding an F-variable x whose row
+    // holds j read it when they substitute x. A C or FF x is never
+    // substituted, and stays so.
     rd.each(L, j, [&](int x) {
       touch(x, j);
-      rd.each(L, x, [&](int y) { touch(y, j); });
+      if (L.icg[x] < 0) rd.each(L, x, [&](int y) { touch(y, j); });
     });
   }
   return true;
@@ -473,6 +476,7 @@ void pw1_threaded_rows(int k, const LevelData& L, const RowParams& rp, InterpRes
 
 InterpResult pw1_run(const LevelView& Lv, const InterpSettings& s, bool threaded) {
   InterpResult res;
+  const bool serial_routine = !threaded;
   const char* routine = threaded ? "pwint1_aa" : "pwint1_aa_serial";
   int nwtint = 0;
   if (!pw1_type(s, routine, nwtint)) return res;
@@ -483,13 +487,16 @@ InterpResult pw1_run(const LevelView& Lv, const InterpSettings& s, bool threaded
   const LevelData L = level_data(Lv, s);
   const RowParams rp = row_params(s, nwtint, s.etr1);
   const bool unk = L.iu != nullptr;
+  // Without threads the blocks are one: the serial rows are the same result.
+  if (threaded && !use_threads(L.ilo, L.ihi, prm().nmin_matrix, thread_count())) threaded = false;
   if (threaded) {
     if (unk) pw1_threaded_rows<true>(Lv.k, L, rp, res);
     else pw1_threaded_rows<false>(Lv.k, L, rp, res);
   } else {
     Markers m;
     if (!init_markers(m, L)) {
-      fail(kErrAllocation, "Allocation failed for <ifg,ipatt> in (pwint1_aa_serial)");
+      fail(kErrAllocation, serial_routine ? "Allocation failed for <ifg,ipatt> in (pwint1_aa_serial)"
+                                          : "Allocation failed for <ifg,ipatt,nflag_thread> in (pwint1_aa)");
       return res;
     }
     if (unk) pw1_serial_rows<true>(Lv.k, L, rp, m, res);
@@ -497,7 +504,7 @@ InterpResult pw1_run(const LevelView& Lv, const InterpSettings& s, bool threaded
   }
   if (failed()) return res;
   level_stats(L, res);
-  pw1_report(s, threaded ? "pwint_aa" : "pwint_aa_s", nwtint, res);
+  pw1_report(s, serial_routine ? "pwint_aa_s" : "pwint_aa", nwtint, res);
   return res;
 }
 

@@ -1343,6 +1343,45 @@ TEST_F(InterpTest, TransposeEqualsExplicitTranspose) {
 }
 
 // ---------------------------------------------------------------------------
+// With the setup's own row sort
+// ---------------------------------------------------------------------------
+// rwsrt sorts the rows in place and leaves the strong ends; interpolation on
+// its result equals the reference built from the same sorted rows.
+TEST_F(InterpTest, OnRowsSortedByRwsrt) {
+  std::vector<Csr> ms = {poisson2d(12, 11), poisson3d(6), random_matrix(200, 31u, 8, false),
+                         random_matrix(200, 37u, 8, true)};
+  for (std::size_t mi = 0; mi < ms.size(); ++mi)
+    for (int ncgtyp : {1, 2}) {
+      Csr A = ms[mi];
+      Fixture fx{A, {}, {}};
+      fx.reset_store(std::vector<int>(static_cast<std::size_t>(A.n) + 1, kIcgUndecided));
+      LevelView L = fx.view();
+      const RowSortResult rs = rwsrt(L, ncgtyp, 0.01, 0.25, 0.0, 0.2, 0.9, -1);
+      ASSERT_EQ(ierr(), 0);
+      ASSERT_GT(rs.nstrong, 0);
+      // fx.A, under the view, is sorted now
+      const std::vector<int> icg0 = classical_split(fx.A);
+      for (int nwtint : {1, 2, 3})
+        for (int nt : {1, 2}) {
+          omp_set_num_threads(nt);
+          fx.reset_store(icg0);
+          L = fx.view();
+          pwint1_aa(L, settings(nwtint, 1, 0.2));
+          ASSERT_EQ(ierr(), 0);
+          std::vector<int> icg = icg0;
+          RefOptions ro;
+          ro.nwtint = nwtint;
+          ro.ntrunc = 1;
+          ro.etr = 0.2;
+          int nconv = 0;
+          expect_rows_near(rows_of(1, fx.A.n), reference_pw1(fx.A, icg, ro, nconv),
+                           "rwsrt matrix " + std::to_string(mi) + " ncgtyp " + std::to_string(ncgtyp));
+          expect_valid(rows_of(1, fx.A.n), store().icg);
+        }
+    }
+}
+
+// ---------------------------------------------------------------------------
 // Errors and messages
 // ---------------------------------------------------------------------------
 TEST_F(InterpTest, IllegalTypeAndExtendedFallback) {
