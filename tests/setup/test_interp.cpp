@@ -725,6 +725,29 @@ TEST_F(InterpTest, RowSumOneOption) {
   }
 }
 
+// A row whose weights cancel (diagonal 10, interpolatory -2 and +2: weights
+// 0.2 and -0.2) cannot be scaled to sum 1: "wrowsum=0", the row stays.
+TEST_F(InterpTest, RowSumOneWithZeroSum) {
+  Csr A;
+  A.add_row(1, 10.0, {{2, -2.0}, {3, 2.0}});
+  A.add_row(2, 1.0, {});
+  A.add_row(3, 1.0, {});
+  A.colr(A.rs(1)) = A.rs(1) + 2;
+  A.colr(A.rs(2)) = A.rs(2);
+  A.colr(A.rs(3)) = A.rs(3);
+  prm().nint_rowsum1 = 1;
+  Fixture fx{A, {}, {}};
+  fx.reset_store({0, kIcgF, kIcgC, kIcgC});
+  LevelView L = fx.view();
+  korn_test::MessageCapture cap;
+  pwint1_aa_serial(L, settings(1, 0, 0.0));
+  EXPECT_EQ(ierr(), 0);
+  EXPECT_NE(cap.text().find(">>> MESSG: wrowsum=0"), std::string::npos) << cap.text();
+  const Row got = rows_of(1, 3)[1];
+  EXPECT_NEAR(got.at(2), 0.2, 1e-16);
+  EXPECT_NEAR(got.at(3), -0.2, 1e-16);
+}
+
 // ---------------------------------------------------------------------------
 // F->C conversion
 // ---------------------------------------------------------------------------
