@@ -56,6 +56,136 @@ void rwsrt_fail_next_allocation();
 // Coarse-point selection
 // ===========================================================================
 
+// The C/F split of a level. States in icg (see IcgState): 1 C, -1 F (a strong
+// C neighbour when decided), -2 undecided (what is left counts as F, "XF"),
+// -3 C turned F by aggressive coarsening, 0 FF, kIcgOutside not taking part.
+// S_i, the strong couplings of row i, stand at ia(i)+1 .. ja(ia(i)) (the
+// strong end left by the row sort); S^T_j = { i : j in S_i }.
+
+// Counters of one selection.
+struct SelectionCounts {
+  int nvars = 0;  // variables taking part (all rows, or those of unknown nprim)
+  int nc = 0;     // C-variables, FC included
+  int nf = 0;     // F-variables, XF included, FF not
+  int nff = 0;    // forced fine (icg 0)
+  int nxf = 0;    // left undecided (-2) and counted as F
+  int nfc = 0;    // C-variables before the selection (rows violating diagonal dominance)
+  int nsw = 0;    // XF -> C switches of the cleaning
+};
+
+struct PcolSettings {
+  int nprim = 0;        // > 0: only variables with iu(i) = nprim take part
+  Vec1<int> iu;         // variable-to-unknown map over ilo..ihi (may be empty for nprim 0)
+  int nxf_clean = 1;    // cleaning of what stays undecided: 1 C unless a strong F
+                        // neighbour, 2 always C; else error 120
+  int msg_level = 0;    // >= 0: report lines
+  int par_levels = 3;   // levels 1..par_levels may use the thread-parallel selection
+};
+
+// C/F selection of level L.k into L.icg; sets the counters. ja(ia(i)) must
+// hold strong ends; it is left as found (on an error: ja(ia(i)) = i).
+// Variant by icolor_omp with T threads (T = thread_count(), 1 for fewer rows):
+// 1, 2, 3, 4 with T > 1 and 5 always, on levels up to par_levels: the block
+// variant pcol_parallel (3, 4 included: its first phase runs the serial
+// selection per thread block); otherwise pcol_serial.
+// Errors: 120 illegal nxf_clean, 70 allocation, 1 nprim > 0 without iu.
+SelectionCounts pcol(const LevelView& L, const PcolSettings& s);
+// The serial selection: measures lambda(j) = |S^T_j| raised by 1 for each
+// neighbour turned F and lowered by 1 for each turned C, buckets of doubly
+// linked circular lists, largest measure first; within a measure the variable
+// moved or inserted last, initially the highest index. Constant time per
+// selection and per measure update.
+SelectionCounts pcol_serial(const LevelView& L, const PcolSettings& s);
+// The block-parallel selection over nthreads static row blocks (see
+// coarsen.cpp): same states, counters and C/F rules as the serial one; the
+// result depends only on the input and nthreads, never on timing. With
+// nthreads 1 it equals pcol_serial.
+SelectionCounts pcol_parallel(const LevelView& L, const PcolSettings& s, int nthreads);
+
+// C-forcing, npcol 0 off, 1 factor 1.0, 2 factor 0.75: each F-variable i
+// (icg < 0, not kIcgOutside), in rising order, becomes C when
+// factor * a_ii < sum |a_ij| over its off-diagonals with icg(j) < 0 at that
+// moment. nc, nf corrected. Returns the count. Error 20 for another npcol.
+int cforce(const LevelView& L, int npcol, int& nc, int& nf, int msg_level);
+
+// The reduced graph of aggressive coarsening over the C-variables 1..nc:
+// row c (positions iaa(c) .. iaa(c+1)-1, 1-based) has its strong end in
+// jaa(iaa(c)) (last link position, 0 for none) and the linked C indices
+// behind it.
+struct ReducedGraph {
+  int nc = 0;
+  std::vector<int> iaa;   // nc+1 values, iaa[c-1] = iaa(c)
+  std::vector<int> jaa;   // jaa[p-1] = jaa(p)
+  std::vector<int> cvar;  // cvar[c-1] = fine index of C-variable c
+  int nlinks = 0;
+};
+// Builds the reduced graph from L with icg(i) = c for the C-variables
+// (numbered 1..nc in rising order) and icg <= 0 otherwise: C-variable i links
+// to C-variable l when l is in S_i, or when nred paths i -> j -> l (j in S_i,
+// l in S_j, l != i) exist. Two sweeps (count, fill) over nthreads row blocks
+// with private counters. Errors: 70 allocation, 110 sweeps disagree.
+bool build_reduced_graph(const LevelView& L, int nc, int nred, int nthreads, ReducedGraph& g);
+// The selection on a reduced graph (pcol steps 2..9; rows without links
+// become C) into icgg (nc values, icgg[c-1]). nthreads > 1: block variant.
+// Errors: 120 no links at all ("No strong connections found (rcol)"), 120
+// illegal nxf_clean, 70 allocation.
+SelectionCounts rcol(const ReducedGraph& g, std::vector<int>& icgg, int nxf_clean, int nthreads);
+
+struct ReduceSettings {
+  int nred = 1;         // paths of length two that make a link (1..4)
+  int nxf_clean = 1;
+  int nvars = 0;        // variables of the level taking part (for the ratio)
+  int msg_level = 0;
+  int par_levels = 3;
+};
+// Aggressive coarsening after pcol: the C-variables are coarsened again on
+// the reduced graph; those turned F get icg -3 (nc falls, nf rises), the
+// others keep 1. aggressive becomes false when skipped (nc < 6), when the
+// graph has no links, or when nothing changed. Threads: icolor_omp 2, 5 build
+// the graph in parallel, icolor_omp 1 runs rcol's block variant (levels up
+// to par_levels, more than one thread). Errors 70, 110, 120.
+void reduce(const LevelView& L, const ReduceSettings& s, int& nc, int& nf, bool& aggressive);
+
+// The level loop's flags for the reduction test.
+struct ReductionFlags {
+  bool one_shot_stop = false;      // stop once (end of a cluster file)
+  bool inefficient_armed = false;  // "Inefficient coarsening!" may still be said on this
+                                   // level; the loop arms it per level (message level >= 0)
+};
+// Reduction test of a level's grid ratio r = coarse/fine. True: stop. Stops
+// on the one-shot flag, at level lev_coarsening_too_slow, and for
+// r >= term_coarsening (ierr -130 "Coarsening terminated: inefficient grid
+// reduction!"); r >= slow_coarsening alone says "Inefficient coarsening!"
+// once per level. tag: "(split_3)", "(driver_int_2)".
+bool reduction_test(int level, double r, std::string_view tag, ReductionFlags& flags);
+
+struct SplitSettings {
+  bool aggressive = false, cluster = false;  // the level's flags
+  int npcol = 0, nred = 0, nxf_clean = 1;
+  int nptmn = 100, nsys = 1, nstyp = 1, nprim = 0, internal = 0;
+  Vec1<int> iu;            // for nprim > 0
+  int msg_level = 0;
+  int nrc = 7;             // coarsest-level solver code in force
+  int par_levels = 3;
+  ReductionFlags* flags = nullptr;  // the level loop's flags; null: armed, local
+};
+struct SplitResult {
+  bool stop = false;       // end the hierarchy at this level
+  int nc = 0, nf = 0;
+  bool aggressive = false; // the level's flag after reduce (false when skipped)
+  int nrc = 7;             // nrc_emergency on a stop of a level above nptmax
+                           // rows with nrc 6..11; else unchanged
+  SelectionCounts counts;  // of pcol
+};
+// Coarse-point selection of one level: pcol, reduce on an aggressive level,
+// cforce, then the checks (fewer than 3 C or F variables, low # C-variables,
+// the reduction test "(split_3)"). Cluster levels: error 80 (not in this
+// build). Errors as the routines; 20 for internal != 0 or nstyp != 1.
+SplitResult split(const LevelView& L, const SplitSettings& s);
+
+// Test hook: the next allocation of a selection's work arrays fails.
+void coarsen_fail_next_allocation();
+
 // ===========================================================================
 // Interpolation
 // ===========================================================================
