@@ -21,13 +21,6 @@
 
 namespace kornlt {
 
-using interp::LevelData;
-using interp::Markers;
-using interp::RowBuffer;
-using interp::RowOut;
-using interp::RowParams;
-using interp::RowSums;
-
 namespace interp {
 
 namespace {

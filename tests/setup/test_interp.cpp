@@ -1405,6 +1405,60 @@ TEST_F(InterpTest, OnRowsSortedByRwsrt) {
 }
 
 // ---------------------------------------------------------------------------
+// With the setup's row sort and coarse selection
+// ---------------------------------------------------------------------------
+// rwsrt, then pcol, then the interpolation: the rows equal the reference on
+// the same sorted rows and split; the multi-pass reaches every F-variable.
+TEST_F(InterpTest, AfterRowSortAndSelection) {
+  std::vector<Csr> ms = {poisson2d(16, 13), poisson3d(7), random_matrix(200, 41u, 8, false)};
+  for (std::size_t mi = 0; mi < ms.size(); ++mi) {
+    Fixture fx{ms[mi], {}, {}};
+    fx.reset_store(std::vector<int>(static_cast<std::size_t>(fx.A.n) + 1, kIcgUndecided));
+    LevelView L = fx.view();
+    rwsrt(L, 1, 0.01, 0.25, 0.0, 0.2, 0.9, -1);
+    ASSERT_EQ(ierr(), 0);
+    PcolSettings ps;
+    ps.msg_level = -1;
+    const SelectionCounts sc = pcol(L, ps);
+    ASSERT_EQ(ierr(), 0);
+    ASSERT_GT(sc.nc, 0);
+    std::vector<int> icg0(1, 0);
+    icg0.insert(icg0.end(), store().icg.begin(), store().icg.end());
+    for (int& g : icg0)
+      if (g == kIcgUndecided || g == kIcgAggressiveF) g = kIcgF;
+    for (int nwtint : {1, 2, 3})
+      for (int nt : {1, 2}) {
+        omp_set_num_threads(nt);
+        fx.reset_store(icg0);
+        L = fx.view();
+        pwint1_aa(L, settings(nwtint, 1, 0.2));
+        ASSERT_EQ(ierr(), 0);
+        std::vector<int> icg = icg0;
+        RefOptions ro;
+        ro.nwtint = nwtint;
+        ro.ntrunc = 1;
+        ro.etr = 0.2;
+        int nconv = 0;
+        const std::vector<Row> got = rows_of(1, fx.A.n);
+        expect_rows_near(got, reference_pw1(fx.A, icg, ro, nconv), "selection matrix " + std::to_string(mi));
+        expect_valid(got, store().icg);
+      }
+    fx.reset_store(icg0);
+    L = fx.view();
+    const InterpResult r = pwint2_aa(L, settings(4, 1, 0.2), 4, 2);
+    ASSERT_EQ(ierr(), 0);
+    EXPECT_EQ(r.attempts, 1);
+    const std::vector<Row> got = rows_of(1, fx.A.n);
+    expect_valid(got, store().icg);
+    for (int i = 1; i <= fx.A.n; ++i) {
+      if (store().icg[static_cast<std::size_t>(i - 1)] < 0) {
+        EXPECT_FALSE(got[static_cast<std::size_t>(i)].empty()) << i;
+      }
+    }
+  }
+}
+
+// ---------------------------------------------------------------------------
 // Errors and messages
 // ---------------------------------------------------------------------------
 TEST_F(InterpTest, IllegalTypeAndExtendedFallback) {
