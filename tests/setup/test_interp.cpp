@@ -1458,6 +1458,59 @@ TEST_F(InterpTest, AfterRowSortAndSelection) {
   }
 }
 
+// An aggressive level (split with nred 1) interpolated by the multi-pass: on
+// graph Laplacians every F-variable gets a row that reproduces constants;
+// threaded equals serial.
+TEST_F(InterpTest, MultipassAfterAggressiveSplit) {
+  std::vector<Csr> ms = {poisson2d(24, 21, true), poisson3d(9)};
+  for (std::size_t mi = 0; mi < ms.size(); ++mi) {
+    Fixture fx{ms[mi], {}, {}};
+    fx.reset_store(std::vector<int>(static_cast<std::size_t>(fx.A.n) + 1, kIcgUndecided));
+    LevelView L = fx.view();
+    rwsrt(L, 1, 0.01, 0.25, 0.0, 0.2, 0.9, -1);
+    ASSERT_EQ(ierr(), 0);
+    SplitSettings ss;
+    ss.aggressive = true;
+    ss.nred = 1;
+    ss.nptmn = 10;
+    ss.msg_level = -1;
+    const SplitResult sr = split(L, ss);
+    ASSERT_EQ(ierr(), 0);
+    ASSERT_FALSE(sr.stop);
+    ASSERT_TRUE(sr.aggressive);
+    std::vector<int> icg0(1, 0);
+    icg0.insert(icg0.end(), store().icg.begin(), store().icg.end());
+    int ipass_max = 0, numtry = 0;
+    multipass_limits(true, false, 0, ipass_max, numtry);
+    Raw serial;
+    for (int nt : {1, 2}) {
+      omp_set_num_threads(nt);
+      fx.reset_store(icg0);
+      L = fx.view();
+      const InterpResult r = nt == 1 ? pwint2_aa_serial(L, settings(4, 1, 0.2), ipass_max, numtry)
+                                     : pwint2_aa(L, settings(4, 1, 0.2), ipass_max, numtry);
+      ASSERT_EQ(ierr(), 0);
+      EXPECT_EQ(r.attempts, 1) << mi;
+      EXPECT_GE(r.passes, 2) << mi;
+      if (nt == 1) serial = raw_of(fx.A.n);
+      else EXPECT_TRUE(raw_of(fx.A.n) == serial) << mi;
+      const std::vector<Row> got = rows_of(1, fx.A.n);
+      expect_valid(got, store().icg);
+      const bool neumann = mi == 0;
+      for (int i = 1; i <= fx.A.n; ++i) {
+        const int g = store().icg[static_cast<std::size_t>(i - 1)];
+        if (g > 0) continue;
+        EXPECT_EQ(g, kIcgF) << i;
+        ASSERT_FALSE(got[static_cast<std::size_t>(i)].empty()) << i;
+        if (!neumann) continue;
+        double sum = 0;
+        for (auto [k, v] : got[static_cast<std::size_t>(i)]) sum += v;
+        EXPECT_NEAR(sum, 1.0, 1e-12) << i;
+      }
+    }
+  }
+}
+
 // ---------------------------------------------------------------------------
 // Errors and messages
 // ---------------------------------------------------------------------------
