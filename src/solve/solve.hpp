@@ -158,6 +158,83 @@ double table_cycle_line(int it, std::string_view label, double res, double prev,
 double table_average_line(int ncyc_start, int ncyc_done, double res_start, double res_out);
 
 // ===========================================================================
+// Coarsest-level solvers
+// ===========================================================================
+
+// What cgsolve needs besides the level. `nrc` is the code in force (nrc_new of
+// solve_data):
+//   1 plain smoothing (cl_smo)              6 full Gauss elimination
+//   2 ILU(0)/MILU(0)-preconditioned CG      7 sparse Gauss elimination (default)
+//   3 ILUT-preconditioned BI-CGSTAB         8 least squares
+//   4 diagonally preconditioned CG          9 the caller's solver (user_solve)
+//   5 diagonally preconditioned BI-CGSTAB  10 dense LAPACK LU or inversion
+// 11 (PARDISO) is absent from this build and refused (error 20); any other
+// value is warning -990 and the default 7.
+struct SolveSetup;
+struct CoarsestArgs {
+  int nrc = 7;
+  int lfil_cl_used = 0;        // ILUT fill per row and factor of nrc 3
+  SweepList coarse_sweeps;     // sweep list of cl_smo; empty: four sweeps of digit 2
+  SmootherSettings smoother;   // smoother settings of cl_smo
+  int first_point = 1;         // first point index of the level (smoother)
+  int nsys = 1;                // unknowns
+  const int* iscale = nullptr; // iscale(1..nsys) as iscale[0..nsys-1]; 1: singular
+                               // in this unknown (null: none)
+  Vec1<const int> iu;          // unknown of each row ilo..ihi; empty: all rows unknown 1
+  int isym = 1;                // 1 symmetric matrix expected, 2 not (nrc 10)
+};
+// The arguments from the solve settings: nrc_new, lfil_cl_used, the coarse
+// sweep list and smoother settings; iscale may be null. first_point and iu
+// keep their defaults (set them for a level whose first point is not 1).
+CoarsestArgs coarsest_args(const SolveSetup& s, int nsys, const int* iscale, int isym);
+
+// Set-up data of the coarsest solvers, kept between cycles for one hierarchy:
+// factors, flags and the nrc of the last call. release() drops everything
+// (to be called by every new setup of the hierarchy and by the cleanup); a
+// change of nrc or of the level's bounds releases by itself.
+struct CoarsestData;
+struct CoarsestState {
+  CoarsestState() = default;
+  CoarsestState(const CoarsestState&) = delete;
+  CoarsestState& operator=(const CoarsestState&) = delete;
+  ~CoarsestState();  // frees the data (the memory counters are left alone)
+  void release();
+
+  int nrc_last = 0;         // nrc of the last call, 0 after a release
+  int factorisations = 0;   // set-ups made (factorisations, dense copies), for statistics
+  int smoother_calls = 0;   // cl_smo: smoother calls made, in all, and the
+  int sweeps = 0;           //   repetitions (nrx) of the sweep list they ran
+  int iterations = 0;       // steps of the last cgc0 / cgstab0 call
+  double res_start = 0.0;   // L2 residual before and after the last
+  double res_end = 0.0;     //   iterative call (cl_smo, cgc0, cgstab0)
+  CoarsestData* data = nullptr;  // the solvers' own data
+};
+// The process-wide state of the hierarchy in use.
+CoarsestState& coarsest_state();
+
+// Solves the system of the coarsest level L in place of L.u (one call per
+// cycle and visit). Errors set ierr: 900 one singular row, 920/930 the
+// iterative solvers, 960 full Gauss, 970 sparse Gauss, 980 dense route, 990
+// no user solver, 20 nrc 11 or cldense_ctrl, 70 allocation, and those of the
+// smoother and residual routines.
+void cgsolve(const LevelView& L, const CoarsestArgs& args, CoarsestState& st = coarsest_state());
+// The caller's solver of nrc 9; empty: none installed.
+std::function<void(const LevelView&)>& coarsest_user_solver();
+
+// The solver's name for the report ("Sparse Gauss elimination", ...), from
+// the registry (iter_check, milu, ilu_speed, delta_milu, droptol_cl,
+// full_pivoting, cldense_ctrl) and lfil_cl_used.
+std::string coarsest_solver_name(int nrc, int lfil_cl_used);
+// The report line: "Coarse level: Iterative solution (max: ..., stop: ...) by
+// <name>", "Coarse level: Direct solution by <name>" or "Coarse level: User
+// provided solution process".
+std::string coarsest_report_line(int nrc, int lfil_cl_used);
+// cldense_ctrl: up to three digits, the first 1 (LU) or 2 (inversion), the
+// others 0 or 1. Otherwise "invalid value for cldense_ctrl (solve-data)!",
+// error 20, and false.
+bool check_cldense_ctrl();
+
+// ===========================================================================
 // Solve driver and cycle
 // ===========================================================================
 
