@@ -907,18 +907,31 @@ TEST_F(Coarsest, SparseLuAgainstDenseSolves) {
 // Minimum degree keeps the fill of a grid well below that of the natural
 // (banded) order, whose factors hold about 2 n nx entries, and its symbolic
 // count is the symmetric fill that an unpivoted factorisation reaches.
+// The second case scales the grid symmetrically by 1 and 10 in a checkered
+// pattern (D A D, still SPD): its diagonals are no longer the largest entries
+// of their columns, but within the threshold, so the diagonal pivots and the
+// symmetric fill stay.
 TEST_F(Coarsest, SparseLuFillOfAGrid) {
   const int nx = 30;
-  const Csr A = poisson(nx);
-  const kornlt::CscMatrix m = to_csc(A);
-  kornlt::SparseLU f;
-  ASSERT_TRUE(kornlt::spg_alloc(m, f));
-  int bad = -1;
-  ASSERT_TRUE(kornlt::spg_lufact(m, f, 0.01, bad));
-  EXPECT_EQ(f.off_diagonal_pivots, 0);
-  const std::int64_t banded = 2LL * A.n * nx;
-  EXPECT_LT(f.entries(), banded / 2);
-  EXPECT_EQ(f.entries(), 2 * f.predicted_l + A.n);
+  const Csr plain = poisson(nx);
+  Csr scaled = plain;
+  auto dscale = [nx](int i) { return ((i % nx) + (i / nx)) % 2 == 0 ? 1.0 : 10.0; };
+  for (int i = 0; i < scaled.n; ++i)
+    for (int k = scaled.ia[i]; k < scaled.ia[i + 1]; ++k) scaled.a[k - 1] *= dscale(i) * dscale(scaled.ja[k - 1] - 1);
+  for (const Csr* A : {&plain, static_cast<const Csr*>(&scaled)}) {
+    const kornlt::CscMatrix m = to_csc(*A);
+    kornlt::SparseLU f;
+    ASSERT_TRUE(kornlt::spg_alloc(m, f));
+    int bad = -1;
+    ASSERT_TRUE(kornlt::spg_lufact(m, f, 0.01, bad));
+    EXPECT_EQ(f.off_diagonal_pivots, 0);
+    const std::int64_t banded = 2LL * A->n * nx;
+    EXPECT_LT(f.entries(), banded / 2);
+    EXPECT_EQ(f.entries(), 2 * f.predicted_l + A->n);
+    std::vector<double> b = test_rhs(A->n), work(static_cast<std::size_t>(A->n));
+    kornlt::spg_solve(f, b.data(), work.data());
+    EXPECT_LE(norm2(residual(*A, b, test_rhs(A->n))), 1e-11 * norm2(test_rhs(A->n)));
+  }
 }
 
 // A hand case of the ordering: the leaves of a star (degree 1) go first in
