@@ -124,6 +124,7 @@ void korn_cleanup(std::string_view text, bool keep_parts) {
     st.levels_done = 0;
   }
   ctl.decomposition_ready = false;
+  coarsest_state().release();
   release_solve_work();
   trace("<<< " + std::string(text) + words);
 }
