@@ -53,10 +53,18 @@ tsan: tsan-deps
 	@cd build-tsan && OMP_NUM_THREADS=2 TSAN_OPTIONS=ignore_noninstrumented_modules=1 \
 	    $(SAN_CTEST) -L threaded
 
-bench: deps
-	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release -DKORN_BUILD_BENCH=ON >/dev/null
-	@cmake --build $(BUILD) -j $(JOBS)
-	@$(BUILD)/bench/korn-bench
+# Benchmarks against hypre's BoomerAMG (bench/README.md), in their own build
+# tree; the report goes to $(BENCH_BUILD)/bench-report.md, the run logs to
+# $(BENCH_BUILD)/korn-bench-logs. `make bench BENCH_ARGS=--full` for all problems.
+BENCH_BUILD ?= build-bench
+BENCH_PKGS  := libhypre-dev libopenmpi-dev openmpi-bin
+BENCH_ARGS  ?= --quick
+
+bench:
+	@sh tools/ensure-deps.sh $(PKGS) $(BENCH_PKGS)
+	@cmake -S . -B $(BENCH_BUILD) -DCMAKE_BUILD_TYPE=Release -DKORN_BUILD_BENCH=ON >/dev/null
+	@cmake --build $(BENCH_BUILD) -j $(JOBS) --target korn-bench
+	@cd $(BENCH_BUILD) && bench/korn-bench --out bench-report.md $(BENCH_ARGS)
 
 clean:
 	rm -rf $(BUILD) build-asan build-tsan
