@@ -244,7 +244,8 @@ struct Summary {
   double setup = NAN, solve = NAN, total = NAN, iters = NAN, relres = NAN, levels = NAN, grc = NAN, opc = NAN;
   double peak_mb = NAN, above_mb = NAN, vcycle = NAN, vrho = NAN;
   std::vector<double> lev_rows, lev_nnz, lev_pnnz;
-  std::string status;  // "ok" / "noconv" of the runs
+  std::string status;   // "ok" / "noconv" of the runs
+  std::string warning;  // a warning a run reported
   long n = 0, nnz = 0;
 };
 
@@ -284,6 +285,10 @@ Summary summarize(const std::vector<Run>& runs) {
       s.nnz = static_cast<long>(r.num("nnz", 0));
     }
     if (s.status != "noconv") s.status = r.str("status");
+    if (s.warning.empty() && !r.str("warning").empty()) {
+      s.warning = r.str("warning");
+      std::replace(s.warning.begin(), s.warning.end(), '_', ' ');
+    }
   }
   s.setup = median(setup);
   s.solve = median(solve);
@@ -608,7 +613,7 @@ int main(int argc, char** argv) {
             run = run_worker(a, mpi_env, log, timeout_s);
           }
           if (!run.ok) std::fprintf(stderr, "korn-bench:   failed: %s\n", run.error.c_str());
-          if (title.empty() && run.ok && cf.solver == "korn") title = run.str("msg");
+          if (title.empty() && run.ok) title = run.str("msg");
           if (n == 0 && run.ok) {
             n = static_cast<long>(run.num("n", 0));
             nnz = static_cast<long>(run.num("nnz", 0));
@@ -637,6 +642,7 @@ int main(int argc, char** argv) {
         }
         std::string it = cell(s.iters, "%.0f");
         if (s.status == "noconv") it += " (not converged)";
+        if (!s.warning.empty()) it += " (warning: " + s.warning + ")";
         emit("| " + configs[c].label() + " | " + cell(s.setup, "%.3f") + " | " + cell(s.solve, "%.3f") + " | " +
              cell(s.total, "%.3f") + " | " + it + " | " + cell(s.relres, "%.1e") + " | " + cell(s.levels, "%.0f") +
              " | " + cell(s.grc, "%.3f") + " | " + cell(s.opc, "%.3f") + " | " + cell(s.peak_mb, "%.0f") + " | " +
@@ -658,7 +664,8 @@ int main(int argc, char** argv) {
             emit("| " + configs[c].label() + " | n/a | n/a | n/a | n/a | n/a |\n");
             continue;
           }
-          emit("| " + configs[c].label() + " | " + cell(s.setup / h.setup, "%.2f") + " | " +
+          emit("| " + configs[c].label() + (s.status == "noconv" ? " (not converged)" : "") + " | " +
+               cell(s.setup / h.setup, "%.2f") + " | " +
                cell(s.solve / h.solve, "%.2f") + " | " + cell(s.total / h.total, "%.2f") + " | " +
                cell(s.peak_mb / h.peak_mb, "%.2f") + " | " + cell(s.above_mb / h.above_mb, "%.2f") + " |\n");
         }

@@ -183,6 +183,7 @@ int main(int argc, char** argv) {
   HYPRE_IJVectorGetObject(ijx, reinterpret_cast<void**>(&x));
   HYPRE_IJVectorGetObject(ijr, reinterpret_cast<void**>(&res));
   // The generator's rows are no longer needed.
+  const std::string title = r.title;
   r = kornbench::Rows{};
 
   // ---- CG with BoomerAMG
@@ -253,7 +254,7 @@ int main(int argc, char** argv) {
     line.put_list("lev_rows", lev_rows).put_list("lev_nnz", lev_nnz);
     line.put("theta", theta);
     line.put("status", relres <= 1.5 * eps ? "ok" : "noconv");
-    line.print(spec.text);
+    line.print(title);
   }
 
   HYPRE_BoomerAMGDestroy(amg);

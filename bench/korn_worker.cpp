@@ -267,7 +267,8 @@ int main(int argc, char** argv) {
   }
 
   const bool converged = relres <= 1.5 * eps;
+  if (ierr < 0) line.put("warning", korn_describe_error(ierr));
   line.put("status", converged ? "ok" : "noconv");
-  line.print(ierr < 0 ? korn_describe_error(ierr) : r.title);
+  line.print(r.title);
   return 0;
 }
