@@ -279,4 +279,111 @@ void build_transpose_level(Transpose& t, int k);
 // Test hook: the next allocation of the interpolation's work arrays fails.
 void interp_fail_next_allocation();
 
+// ===========================================================================
+// Galerkin coarse operators
+// ===========================================================================
+// The coarse operator A_c = P^T A P of level k from the matrix of level k-1
+// and its interpolation (iw, jw, w). Coarse rows are stacked behind the fine
+// level's rows; every coarse row starts with its diagonal. A fine level k-1 =
+// 1 is read from the caller's arrays, all others from the stacked arrays.
+
+// Numbers level k: imin(k) = imax(k-1)+1, imax(k) = imin(k)-1 + #C. On k = 2
+// first allocates iu/ip, a/ja (nna+1..nda) and the stacked ia, with stacked
+// ia(nnu+1) = the caller's ia(nnu+1); then makes the arrays hold imax(k).
+// Restores ja(ia(i)) = i on level k-1, gives each C-variable (icg > 0) its
+// coarse index in rising i, and rewrites jw of level k-1 to coarse indices.
+// Errors: 70 allocation, 10/60 growth.
+void prepare_opdfn(int k);
+
+// Settings of one Galerkin step; galerkin_settings() reads them from the
+// registry and the decoded input.
+struct GalerkinSettings {
+  // Variant (nntyp_opdfn):
+  //  1   opdfn              "standard": serial, one coarse row at a time,
+  //                         a grows in place when a row may not fit
+  //  2   opdfn_detrlen      "determination of row lengths": serial symbolic
+  //                         sweep for exact row lengths, one growth, numeric sweep
+  //  3   opdfn_detrlen_mg   "determination of row lengths + splitting": as 2
+  //  4   opdfn_dynalloc     "dynamic parallel memory management": threaded,
+  //                         private storage per block of coarse rows, one
+  //                         growth, copy in block order
+  //  5   opdfn_dynalloc_mg  "dynamic parallel memory management + splitting": as 4
+  //  6   modset             "dynamic memory management using lists": as 4
+  // All variants give the same rows, entries and entry order, bit for bit.
+  int nntyp = 1;
+  bool mult_zeros = false;   // glk_mult_zeros: zero products stay in the pattern
+  int neg_diag = 20;         // most bad rows corrected; negative: no correction
+  int neg_diag_brute = 20;   // most bad rows for which correct_f is tried
+  int maxop_restart = 2;     // restarts allowed with correct_f
+  int dump_correctw = 0;     // != 0 (and msg_level >= 1): bad rows to "temp.crw"
+  double trunc_eps = 0.0;    // Galerkin truncation eps (ntr digits 2, 3); 0: none
+  bool symmetric = true;     // matrix stored symmetrically (isym 1): truncation
+                             // keeps the pattern symmetric
+  int msg_level = 0;         // >= 0: report lines
+  bool trace = false;        // trace lines of correct_w
+  bool timer = false;        // galerkin_timer: the variant's report line
+};
+GalerkinSettings galerkin_settings();
+
+// The name a variant is reported as ("standard", ...); "" for another code.
+std::string_view opdfn_variant_name(int nntyp);
+
+struct GalerkinResult {
+  int nrows = 0;        // coarse rows
+  int nentries = 0;     // entries of the coarse level (after truncation)
+  int nbad = 0;         // non-positive diagonals left
+  int nbad_first = 0;   // non-positive diagonals of the first product
+  int restarts = 0;     // products run again after a correction
+  int ncorrect_f = 0;   // correct_f runs
+  int ncorrect_w = 0;   // correct_w runs
+  int nremoved = 0;     // entries removed by the truncation
+};
+
+// The coarse operator of level k after prepare_opdfn (jw in coarse indices):
+// the product by s.nntyp, the repair of non-positive diagonals (correct_f /
+// correct_w with restarts, warnings -153, -154), then the truncation when
+// s.trunc_eps > 0. Restarts rewind a to ia(imin(k)). Errors: 70 allocation,
+// 10/60 growth, 100 file of bad rows, 152 truncation.
+GalerkinResult galerkin(int k, const GalerkinSettings& s);
+
+// Run mode 3: the coarse operators of levels 2..levels recomputed from the
+// (new) level-1 matrix with the kept interpolation and numbering.
+void recompute_coarse_operators(int levels, const GalerkinSettings& s);
+
+// Run mode 2: the kept coarse levels re-anchored behind the level-1 operator
+// bound for this call: stacked ia(nnu+1) becomes the caller's ia(nnu+1), and
+// when the number of level-1 entries changed, every stacked row pointer of
+// levels 2..levels (and nda, nna_all) moves by the difference. The coarse
+// entries themselves stay.
+void opdfn_mov(int levels);
+
+// The product alone (no repair, no truncation). nbad counts coarse rows with
+// a non-positive diagonal; the first min(nbad, neg_diag) of them (rising)
+// are listed in bad.
+struct ProductResult {
+  int nbad = 0;
+  std::vector<int> bad;
+};
+ProductResult opdfn_product(int k, int nntyp, bool mult_zeros, int neg_diag);
+
+// Corrections of the interpolation of level k-1 for the bad coarse rows c:
+// correct_f removes c from the F-rows interpolating from it (other weights
+// scaled to keep the row sum; rows interpolating only from c stay);
+// correct_w scales column c of P on the F-rows so that the coarse diagonal
+// m t^2 + s t + d becomes positive, and with row_scaling the other weights
+// of each changed row keep its sum. restart is the number reported.
+// Errors: 70 allocation.
+void correct_f(int k, const std::vector<int>& bad, int msg_level);
+void correct_w(int k, const std::vector<int>& bad, bool row_scaling, int restart, bool trace, int msg_level);
+
+// Truncation of level k: off-diagonal entries with |a_cl| <= a_cc * eps (a_cc
+// as left by the product) are lumped into the diagonal and removed, rows
+// compacted in place. symmetric: an entry and its transposed partner go
+// together (error 152 when the partner is missing). A non-positive diagonal
+// afterwards is error 152. Returns the number of entries removed.
+int galerkin_truncation(int k, double eps, bool symmetric, int msg_level);
+
+// Test hook: the next allocation of the Galerkin work arrays fails.
+void galerkin_fail_next_allocation();
+
 }  // namespace kornlt
