@@ -25,7 +25,7 @@ build: deps
 # The built-in groundwater problem. Until the multigrid hierarchy is part of
 # the build, the demo runs the one-level method (CG around Gauss-Seidel) on a
 # 20^3 grid, which shows the log and the timings but does not reach 1e-8.
-DEMO_ARGS ?= --size 20 --set levelx=1 --ncyc 110200
+DEMO_ARGS ?=
 demo: build
 	@$(BUILD)/korn-solve $(DEMO_ARGS)
 

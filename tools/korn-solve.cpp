@@ -43,8 +43,9 @@ const char* const kUsage =
     "  --ncyc N          cycle code: cycle type, accelerator, restart, cycles\n"
     "                    (default 0: the library default ncyc_default, 11030 = V-cycle,\n"
     "                    conjugate gradients, at most 30 cycles)\n"
-    "  --iswit N         run-mode code, first digit the mode (default 5: new setup,\n"
-    "                    released at the end)\n"
+    "  --iswit N         run-mode code (default 52000000: new setup released at the\n"
+    "                    end, arrays grown in memory when the estimate is short;\n"
+    "                    52170000 takes the groundwater host's aggressive coarsening)\n"
     "  --nsolve N        solution-approach code (default 0: nsolve_default)\n"
     "  --matrix N        matrix code (default 12 for a symmetric file and the model\n"
     "                    problem: symmetric, no zero row sums; 22 for a general file)\n"
@@ -140,7 +141,7 @@ void set_parameter(const std::string& arg) {
 struct Options {
   std::string matrix_file, rhs_file, solution_file;
   double eps = 1e-8, chktol = -1.0;
-  int ncyc = 0, iswit = 5, nsolve = 0, iout = 2, idump = 0;
+  int ncyc = 0, iswit = 52000000, nsolve = 0, iout = 2, idump = 0;
   int matrix = 0;  // 0: from the file's symmetry
   int threads = 0;
   int size = 40;

@@ -11,6 +11,7 @@
 #include "control/control.hpp"
 #include "log/log.hpp"
 #include "params/params.hpp"
+#include "setup/setup.hpp"
 #include "solve/solve.hpp"
 #include "store/store.hpp"
 
@@ -85,8 +86,10 @@ void force_matrix(const CoreCall& c, int mode) {
 
 void release_solve_work() {
   SolveState& s = solve_state();
-  s.uold.clear();
-  s.uold.shrink_to_fit();
+  s.uold = {};
+  s.resh = {};
+  s.star_e = {};
+  s.restriction = {};
 }
 
 }  // namespace
@@ -239,16 +242,34 @@ void korn_main(CoreCall& c) {
     ctl.mark_ints = st.memi;
     ctl.mark_reals = st.memd;
     ctl.mark_sum = st.watermark();
-    if (!in.one_level) {
-      fail(kErrNotAvailable, "Multilevel setup is not available in this build (korn_main)!");
-      return error_exit();
+    coarsest_state().release();
+    if (in.one_level) {
+      ctl.solver_cl_used = in.nrc;
+      st.levels = 1;
+      ctl.nnu_level1 = c.nnu;
+      ctl.nna_level1 = c.nna;
+    } else {
+      // 18. The hierarchy.
+      const int nrc_before = in.nrc;
+      crsng_data();
+      if (failed()) return error_exit();
+      create_levels(in.levelx, in.nrc);
+      if (failed()) return error_exit();
+      if (st.levels > 1) {
+        u_alloc(4, c.nnu, st.ndu);
+        if (failed()) return error_exit();
+      }
+      ctl.solver_cl_used = in.nrc;
+      if (in.nrc != nrc_before && st.levels != 1 && in.dump_level >= 0) {
+        print_line(1, 1, "CL solver switched from " + fmt_int(nrc_before) + " to " + fmt_int(in.nrc) + ".");
+      }
+      // 19.
+      if (p.mode_mess >= 0 && in.messages_on && in.out_level > 0) print_hierarchy_summary();
+      ctl.nnu_level1 = c.nnu;
+      ctl.nna_level1 = c.nna;
     }
-    ctl.solver_cl_used = in.nrc;
-    st.levels = 1;
-    ctl.nnu_level1 = c.nnu;
-    ctl.nna_level1 = c.nna;
     ctl.decomposition_ready = true;
-    st.levels_done = 1;
+    st.levels_done = st.levels;
     if (in.run_mode == 4) ctl.struct_ident_saved = bool(p.struct_ident) ? 1 : 0;
   } else {
     // 21-23. Restart on the kept data.
@@ -267,12 +288,39 @@ void korn_main(CoreCall& c) {
     } else if (!ctl.decomposition_ready && p.clsolver_finest == 0) {
       fail(kErrRestartNoHierarchy, "KORN re-start terminated - no AMG decomposition available in (korn_main)!");
       return error_exit();
+    } else if (ctl.nnu_level1 != c.nnu || (in.run_mode != 2 && ctl.nna_level1 != c.nna)) {
+      fail(kErrRestartChanged, "KORN re-start terminated - illegal change in <nnu/nna>");
+      return error_exit();
+    } else if (in.run_mode == 3) {
+      // New matrix on the old structure: coarse operators from the kept
+      // interpolation.
+      coarsest_state().release();
+      if ((ctl.struct_ident_saved != 0) != (p.struct_ident != 0)) {
+        fail(kErrFile, "korn_main:: illegal change of struct_ident after last setup with iswtch=4xxx");
+        return error_exit();
+      }
+      recompute_coarse_operators(st.levels, galerkin_settings());
+      if (failed()) return error_exit();
+    } else if (in.run_mode == 2) {
+      opdfn_mov(st.levels);
+      if (failed()) return error_exit();
+    } else {
+      ctl.mark_ints = st.memi;
+      ctl.mark_reals = st.memd;
+      ctl.mark_sum = st.watermark();
     }
+    ctl.nna_level1 = c.nna;
   }
 
   // 24-25. Setup time; first approximation.
   ctl.setup_time += wall_time() - t0;
   first_guess(c.ifirst, c.nnu, c.u);
+
+  // 26. Restriction arrays of a new or changed hierarchy.
+  if (in.run_mode >= 3 || solve_state().restriction.size() != static_cast<std::size_t>(st.levels > 1 ? st.levels : 0)) {
+    wt_setup(st.levels);
+    if (failed()) return error_exit();
+  }
 
   // 27-31. Solve.
   t0 = wall_time();

@@ -2,7 +2,9 @@
 // selection, interpolation, Galerkin coarse operators and the level driver.
 #pragma once
 
+#include <cstdint>
 #include <string_view>
+#include <vector>
 
 #include "store/store.hpp"
 
@@ -278,6 +280,58 @@ void build_transpose_level(Transpose& t, int k);
 
 // Test hook: the next allocation of the interpolation's work arrays fails.
 void interp_fail_next_allocation();
+
+// ===========================================================================
+// The level driver
+// ===========================================================================
+
+// The coarsening plan: the encoded parameters (ecg, ewt, etr, ncg, nwt, ntr)
+// taken apart once per setup by crsng_data and read by every level.
+struct CoarseningPlan {
+  double ecg1 = 0.0, ecg2 = 0.0;  // strength threshold; weak-coupling report level
+  double ewt1 = 0.0, ewt2 = 0.0;  // positive-coupling thresholds
+  double etr1 = 0.0, etr2 = 0.0;  // truncation of the first build; of improvement sweeps
+  int ncgtyp = 1;                 // handling of positive couplings (1..5)
+  int nred = 0;                   // 0 standard, 1..4 aggressive paths, 5..8 cluster
+  int nlev_red = 1;               // last level on which nred acts
+  int nxf_clean = 1;              // cleaning option of the selection
+  int npcol = 0;                  // C-forcing
+  int nwtint = 2;                 // interpolation type
+  int nwtitr = 0;                 // improvement sweeps of the interpolation
+  int nwtlev = 1;                 // last level of the improvement sweeps
+  int iall = 0;                   // improvement replaces all F-neighbours (1) or strong ones
+  int nbfit = 0;                  // best-fit digit
+  int ntrunc = 1;                 // interpolation truncation rule
+  double galerkin_eps = 0.0;      // Galerkin truncation threshold (0: none)
+  double eps = 0.9;               // diagonal-dominance stop level: max(eps_dd, ecg1)
+};
+CoarseningPlan& coarsening_plan();
+
+// Decodes the plan from the working input and checks it ("Illegal value of
+// parameter <name      > in (crsng_data)!", error 20). With the message
+// level not negative, writes the plan.
+void crsng_data();
+
+// Builds levels 2.. on level 1 bound in the store (korn_dimensions and
+// bind_level1 done): row sort, split, interpolation and Galerkin operator per
+// level until a stop rule fires or the level limit (the smaller of
+// level_limit and max_level) is reached. Sets store().levels, imin/imax of
+// every level, nnu_all and nna_all, and may replace nrc by nrc_emergency.
+// Leaves ja(ia(i)) = i on every level, also after an error.
+void create_levels(int level_limit, int& nrc);
+
+// The hierarchy summary: per level rows, entries and average row length,
+// then the operator, grid and interpolation complexities.
+struct HierarchyStats {
+  int levels = 0;
+  std::vector<int> rows;                // per level
+  std::vector<std::int64_t> entries;    // per level
+  std::int64_t interp_entries = 0;      // entries of all interpolation rows
+  double operator_complexity = 0.0;     // sum of entries / level-1 entries
+  double grid_complexity = 0.0;         // sum of rows / level-1 rows
+};
+HierarchyStats hierarchy_stats();
+void print_hierarchy_summary();
 
 // ===========================================================================
 // Galerkin coarse operators

@@ -77,7 +77,11 @@ void print_report(const CoreCall& c, const Input& in, const SolveSetup& s) {
     case 4: print_line(0, 0, "Acceleration: Flexible CG[" + inner + "]"); break;
     default: break;
   }
-  if (s.levels == 1) print_line(0, 0, "Coarse level: None");
+  if (s.levels == 1) {
+    print_line(0, 0, "Coarse level: None");
+  } else {
+    print_line(0, 0, coarsest_report_line(s.nrc_new, s.lfil_cl_used));
+  }
   if (!in.scaled) {
     print_line(0, 0, "Scaling:      None");
   } else if (c.nsys == 1) {
@@ -138,7 +142,13 @@ SolveSetup solve_data(const CoreCall& c, const Input& in) {
     fail(kErrIllegalParameter, "invalid value for the coarsest grid solver (solve-data)!");
     return s;
   }
-  const int nnu_cl = c.nnu, nna_cl = c.nna;
+  const LevelView Lc = level_view(std::max(s.levels, 1));
+  const int nnu_cl = s.levels > 1 ? Lc.nrows() : c.nnu;
+  const int nna_cl = s.levels > 1 ? Lc.ia(Lc.ihi + 1) - Lc.ia(Lc.ilo) : c.nna;
+  s.iscale = c.iscale;
+  s.isym = in.isym;
+  s.nstar_typ = in.nstar_typ;
+  solve_state().roundoff_watch = p.mode_mess >= -1 && c.matrix >= 0;
   if (p.lfil_cl < 0) {
     s.lfil_cl_used = std::min(
         static_cast<int>((static_cast<double>(nna_cl) / nnu_cl) * (p.lfil_cl / -10.0) + 0.5), nnu_cl);
@@ -184,20 +194,6 @@ SolveSetup solve_data(const CoreCall& c, const Input& in) {
   }
   if (in.out_level > 0 && in.messages_on) print_report(c, in, s);
   return s;
-}
-
-void korn_cyc(const LevelView& L1, const Input& in, const SolveSetup& s, int k0) {
-  if (s.levels > 1 || k0 != 1) {
-    fail(kErrNotAvailable, "Multigrid cycling is not available in this build (cyc)!");
-    return;
-  }
-  if (prm().clsolver_finest != 0) {
-    fail(kErrNotAvailable, "Coarsest-level solvers are not available in this build (cyc)!");
-    return;
-  }
-  smoother(L1, 1, s.smoother, s.pre, false);
-  if (failed()) return;
-  smoother(L1, 1, s.smoother, s.post, false);
 }
 
 void korn_solve(CoreCall& c, const Input& in, const SolveSetup& s) {

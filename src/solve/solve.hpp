@@ -9,6 +9,7 @@
 
 #include "control/control.hpp"
 #include "params/params.hpp"
+#include "setup/setup.hpp"
 #include "store/store.hpp"
 
 namespace kornlt {
@@ -242,6 +243,10 @@ bool check_cldense_ctrl();
 struct SolveState {
   std::vector<double> omega_jacobi_vec;  // damping per unknown: size 1 or nsys
   std::vector<double> uold;              // Jacobi scratch, grows to the largest level
+  std::vector<double> resh;              // fine residual of the threaded restrictions
+  std::vector<double> star_e;            // star cycles: u at the start of the level's visit
+  std::vector<Transpose> restriction;    // per fine level k (index k): transposed interpolation
+  bool roundoff_watch = true;            // coarsest-level round-off watch, once per run
 };
 SolveState& solve_state();
 
@@ -255,6 +260,9 @@ struct SolveSetup {
   double sqrt_conv_stop = 0.1;
   SmootherSettings smoother;
   int levels = 1;
+  const int* iscale = nullptr;  // iscale(1..nsys) of the call, for the coarsest solver
+  int isym = 1;                 // 1 symmetric matrix expected
+  int nstar_typ = 0;            // star cycles: 1..3; 0 none
 };
 
 // Derives the solve settings and prints the solver report.
@@ -266,6 +274,20 @@ void korn_solve(CoreCall& c, const Input& in, const SolveSetup& setup);
 // L1 is level 1 with the vectors to work on (the caller's u and f, or a
 // preconditioning pair).
 void korn_cyc(const LevelView& L1, const Input& in, const SolveSetup& setup, int k0);
+
+// The restriction variant in force: irestriction_openmp 2 gives -1 with at
+// least two threads and 0 otherwise; another absolute value above 1 gives 0.
+// Sets error 20 for an impossible value.
+int restriction_variant();
+// Builds the restriction arrays (transposed interpolation) of levels
+// 1..levels-1 when the variant in force gathers through them (-1), and
+// drops them otherwise.
+void wt_setup(int levels);
+// Restriction of the residual of `fine` (f - A u) to the right-hand side of
+// `coarse`, whose u and f start from zero.
+void restrict_residual(const LevelView& fine, const LevelView& coarse);
+// Prolongation with correction: u_fine += P u_coarse.
+void prolongate(const LevelView& fine, const LevelView& coarse);
 
 // ===========================================================================
 // Accelerators
