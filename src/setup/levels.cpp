@@ -5,6 +5,8 @@
 #include <array>
 #include <cmath>
 #include <cstdio>
+
+#include <omp.h>
 #include <string>
 
 #include "log/log.hpp"
@@ -43,6 +45,16 @@ void emergency_solver(int n, int& nrc) {
   if (n > prm().nptmax && nrc > 5 && nrc < 12) nrc = prm().nrc_emergency;
 }
 
+// Wall time of the setup's phases, summed over the levels of one setup.
+struct PhaseTimes {
+  double row_sort = 0.0, selection = 0.0, interpolation = 0.0, galerkin = 0.0;
+};
+PhaseTimes& phase_times() {
+  static PhaseTimes t;
+  return t;
+}
+double now() { return omp_get_wtime(); }
+
 // Why the level loop ended.
 enum class Step { kGoOn, kStop, kError };
 
@@ -66,7 +78,9 @@ Step row_sort_stop(int l, int& nrc) {
     fail(kErrInconsistent, "Incorrect INTERNAL setting: nprim must be 0 for nstyp=1 !");
     return Step::kError;
   }
+  const double t0 = now();
   const RowSortResult rs = rwsrt(L, c.ncgtyp, c.ecg1, c.ecg2, c.ewt1, c.ewt2, c.eps, message_level());
+  phase_times().row_sort += now() - t0;
   if (failed()) return Step::kError;
   if (rs.diagdom || rs.nstrong < 1) {
     char line[120];
@@ -116,6 +130,7 @@ Step driver_int(int l, bool aggressive, bool cluster, ReductionFlags& flags, int
   is.nprim = 0;
   is.msg_level = message_level();
   const bool threaded = p.ninter_omp == 1;
+  const double t0 = now();
   InterpResult r;
   if (nwtint1 == 4) {
     int ipass_max = 0, numtry = 0;
@@ -125,13 +140,16 @@ Step driver_int(int l, bool aggressive, bool cluster, ReductionFlags& flags, int
   } else {
     r = threaded ? pwint1_aa(level_view(l), is) : pwint1_aa_serial(level_view(l), is);
   }
+  phase_times().interpolation += now() - t0;
   if (failed()) return Step::kError;
   if (reduction_test(l, r.gratio, "(driver_int_2)", flags)) {
     emergency_solver(level_view(l).nrows(), nrc);
     return Step::kStop;
   }
   if (l <= c.nwtlev) {
+    const double t1 = now();
     for (int it = 0; it < c.nwtitr && !failed(); ++it) pwiter(level_view(l), is, c.iall, c.etr2);
+    phase_times().interpolation += now() - t1;
     if (failed()) return Step::kError;
   }
   return Step::kGoOn;
@@ -232,6 +250,7 @@ void create_levels(int level_limit, int& nrc) {
   if (levels_max > 24) levels_max = 25;
   int levels = std::max(levels_max, 1);
   ReductionFlags flags;
+  phase_times() = PhaseTimes{};
 
   auto failure_exit = [&] {
     // Level 1 gets its diagonal slots back from the caller's pointers; the
@@ -277,7 +296,9 @@ void create_levels(int level_limit, int& nrc) {
     ss.msg_level = message_level();
     ss.nrc = nrc;
     ss.flags = &flags;
+    double t0 = now();
     const SplitResult sr = split(level_view(l), ss);
+    phase_times().selection += now() - t0;
     if (failed()) return failure_exit();
     nrc = sr.nrc;
     if (sr.stop) {
@@ -292,9 +313,11 @@ void create_levels(int level_limit, int& nrc) {
       break;
     }
 
+    t0 = now();
     prepare_opdfn(k);
     if (failed()) return failure_exit();
     galerkin(k, galerkin_settings());
+    phase_times().galerkin += now() - t0;
     if (failed()) return failure_exit();
   }
 
@@ -351,6 +374,11 @@ void print_hierarchy_summary() {
   std::snprintf(line, sizeof line,
                 " operator complexity: %.3f   grid complexity: %.3f   interpolation: %.2f weights per row",
                 h.operator_complexity, h.grid_complexity, static_cast<double>(h.interp_entries) / fine_rows);
+  print_line(0, 0, line);
+  const PhaseTimes& t = phase_times();
+  std::snprintf(line, sizeof line,
+                " setup phases (s): row sort %.3f   coarse selection %.3f   interpolation %.3f   Galerkin %.3f",
+                t.row_sort, t.selection, t.interpolation, t.galerkin);
   print_line(0, 0, line);
 }
 
