@@ -16,6 +16,7 @@
 #include <iostream>
 #include <map>
 #include <random>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -690,6 +691,60 @@ TEST_F(Levels, HierarchyEndsWhereFewVariablesRemain) {
   }
 }
 
+// The reduction test of each level's split: a coarse/fine ratio at or above
+// term_coarsening ends the hierarchy with warning -130, one at or above
+// slow_coarsening is reported once per level, and lev_coarsening_too_slow
+// ends it at the level named.
+TEST_F(Levels, ReductionRulesEndTheHierarchy) {
+  struct Case {
+    const char* what;
+    double slow, term;
+    int too_slow;
+    int levels;  // 0: as without the rule
+    int ierr;
+    const char* text;
+  };
+  // Standard coarsening of the five-point matrix keeps half the variables on
+  // level 1 and a quarter or less below.
+  const Case cases[] = {
+      {"term 0.45", 0.4, 0.45, -1, 1, -130, "+++ WARNG: Coarsening terminated: inefficient grid reduction! (split_3)"},
+      {"slow 0.45", 0.45, 0.9, -1, 0, 0, "+++ WARNG: Inefficient coarsening! (split_3)"},
+      {"too slow at 2", 0.75, 0.9, 2, 2, 0, ">>> MESSG: coarsening too slow enforced! (split_3)"},
+      {"too slow at 3", 0.75, 0.9, 3, 3, 0, ">>> MESSG: coarsening too slow enforced! (split_3)"},
+  };
+  prm().nptmn = 5;
+  const Snapshot plain = kept_setup(kOperatorProblems[0], kStandard, 1);
+  ASSERT_GE(plain.levels, 4);
+  for (const Case& k : cases) {
+    korn_reset_parameters();
+    prm().nptmn = 5;
+    prm().slow_coarsening = k.slow;
+    prm().term_coarsening = k.term;
+    prm().lev_coarsening_too_slow = k.too_slow;
+    CoreArgs c = setup_args(kOperatorProblems[0].make(), kStandard);
+    const std::string log = call_logged(c);
+    EXPECT_EQ(c.ierr, k.ierr) << k.what << "\n" << log;
+    const int levels = store().levels;
+    EXPECT_EQ(levels, k.levels == 0 ? plain.levels : k.levels) << k.what;
+    for (int l = 1; l <= std::min(levels, plain.levels); ++l)
+      EXPECT_EQ(store().imax[at(l)], plain.imax[at(l - 1)]) << k.what << ": level " << l;
+    const auto pos = log.find(k.text);
+    ASSERT_NE(pos, std::string::npos) << k.what << "\n" << log;
+    // Said in the pass of the loop that tries to make level `levels + 1`
+    // (for the warning of slow coarsening: in the first pass, and once).
+    const int pass = k.levels == 0 ? 2 : levels + 1;
+    const auto here = log.rfind("creating level #", pos);
+    ASSERT_NE(here, std::string::npos) << log;
+    EXPECT_EQ(log.substr(here, log.find(' ', here + 16) - here), "creating level #" + std::to_string(pass))
+        << k.what << "\n" << log;
+    if (k.levels == 0) {
+      const auto next = log.find("creating level #3");
+      EXPECT_TRUE(log.find(k.text, pos + 1) > next) << k.what << ": once per level\n" << log;
+    }
+    release();
+  }
+}
+
 TEST_F(Levels, LevelLimits) {
   struct Case {
     const char* what;
@@ -845,6 +900,55 @@ TEST_F(Levels, ComplexitiesOf3DPoisson) {
     release();
   }
   EXPECT_LT(grid[1], grid[0]);
+}
+
+// The summary written after a setup with a report level above 0: one line
+// per level with its rows and entries, then the complexities, all as counted
+// here from the level views.
+TEST_F(Levels, HierarchySummaryLines) {
+  prm().nptmn = 5;
+  CoreArgs c = setup_args(convection2d(24), kAggressive, 22);
+  prm().mode_mess = 0;
+  c.iout = 1;
+  std::string log;
+  {
+    LogCapture capture;
+    c.call();
+    log = capture.text();
+  }
+  ASSERT_EQ(c.ierr, 0) << log;
+  const int levels = store().levels;
+  ASSERT_GE(levels, 3);
+  const auto head = log.find("AMG hierarchy\n=============\n");
+  ASSERT_NE(head, std::string::npos) << log;
+  std::istringstream in(log.substr(log.find('\n', log.find(" level ", head)) + 1));
+  double rows = 0.0, entries = 0.0;
+  for (int k = 1; k <= levels; ++k) {
+    const LevelView L = level_view(k);
+    int level = 0, n = 0;
+    long long nnz = 0;
+    double avg = 0.0;
+    ASSERT_TRUE(in >> level >> n >> nnz >> avg) << log;
+    EXPECT_EQ(level, k);
+    EXPECT_EQ(n, L.nrows()) << "level " << k;
+    EXPECT_EQ(nnz, L.ia(L.ihi + 1) - L.ia(L.ilo)) << "level " << k;
+    EXPECT_NEAR(avg, static_cast<double>(nnz) / n, 0.005) << "level " << k;
+    rows += n;
+    entries += static_cast<double>(nnz);
+  }
+  const std::string rest = log.substr(head);
+  auto number_after = [&](const std::string& key) {
+    const auto p = rest.find(key);
+    EXPECT_NE(p, std::string::npos) << key << "\n" << rest;
+    return p == std::string::npos ? -1.0 : std::strtod(rest.c_str() + p + key.size(), nullptr);
+  };
+  EXPECT_NEAR(number_after("operator complexity:"), entries / c.m.nna(), 0.0005);
+  EXPECT_NEAR(number_after("grid complexity:"), rows / c.m.nnu, 0.0005);
+  // Interpolation weights per row of the levels that have one.
+  const int fine_rows = store().imax[at(levels - 1)];
+  const double weights = store().iw[at(fine_rows)] - 1;
+  EXPECT_NEAR(number_after("interpolation:"), weights / fine_rows, 0.005);
+  EXPECT_EQ(kornlt::hierarchy_stats().interp_entries, static_cast<std::int64_t>(weights));
 }
 
 }  // namespace
