@@ -246,7 +246,12 @@ void korn_cyc(const LevelView& L1, const Input& in, const SolveSetup& s, int k0)
 
   std::array<int, kMaxLevels + 2> icount{};
   int r = 0;  // repetitions of a coarse smoothing step (dynamic smoothing)
-  auto view = [&](int k) { return k == 1 ? L1 : level_view(k); };
+  // The caller's finest level with the C/F splitting of the hierarchy, which
+  // the C/F relaxation steps of the finest level need.
+  LevelView fine = L1;
+  StoreState& st = store();
+  if (fine.icg.empty() && !st.icg.empty()) fine.icg = Vec1<int>(st.icg.data(), 1, L1.ihi);
+  auto view = [&](int k) { return k == 1 ? fine : level_view(k); };
   auto smooth = [&](const LevelView& L, const SweepList& list) {
     int times = 1;
     if (L.k > 1) {
