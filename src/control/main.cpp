@@ -90,6 +90,7 @@ void release_solve_work() {
   s.resh = {};
   s.star_e = {};
   s.restriction = {};
+  s.cf_rows = {};
 }
 
 }  // namespace
@@ -320,6 +321,7 @@ void korn_main(CoreCall& c) {
   if (in.run_mode >= 3 || solve_state().restriction.size() != static_cast<std::size_t>(st.levels > 1 ? st.levels : 0)) {
     wt_setup(st.levels);
     if (failed()) return error_exit();
+    cf_rows_setup(st.levels);
   }
 
   // 27-31. Solve.

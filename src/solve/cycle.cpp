@@ -144,6 +144,35 @@ void wt_setup(int levels) {
   for (int k = 1; k < levels && !failed(); ++k) build_transpose_level(ss.restriction[static_cast<std::size_t>(k)], k);
 }
 
+void cf_rows_setup(int levels) {
+  SolveState& ss = solve_state();
+  ss.cf_rows.clear();
+  if (levels < 2) return;
+  ss.cf_rows.resize(static_cast<std::size_t>(levels));
+  for (int k = 1; k < levels; ++k) {
+    const LevelView L = level_view(k);
+    if (L.icg.empty()) continue;
+    CfRows& r = ss.cf_rows[static_cast<std::size_t>(k)];
+    const int* icg = L.icg.origin();
+    int nc = 0;
+    for (int i = L.ilo; i <= L.ihi; ++i) nc += icg[i] > 0;
+    r.c.reserve(static_cast<std::size_t>(nc));
+    r.f.reserve(static_cast<std::size_t>(L.nrows() - nc));
+    for (int i = L.ilo; i <= L.ihi; ++i) (icg[i] > 0 ? r.c : r.f).push_back(i);
+    r.ilo = L.ilo;
+    r.ihi = L.ihi;
+    r.icg = icg;
+  }
+}
+
+const CfRows* cf_rows_of(const LevelView& L) {
+  const SolveState& ss = solve_state();
+  const auto k = static_cast<std::size_t>(L.k);
+  if (L.icg.empty() || k >= ss.cf_rows.size()) return nullptr;
+  const CfRows& r = ss.cf_rows[k];
+  return r.icg == L.icg.origin() && r.ilo == L.ilo && r.ihi == L.ihi ? &r : nullptr;
+}
+
 void restrict_residual(const LevelView& fine, const LevelView& coarse) {
   const Params& p = prm();
   zero(coarse.u, coarse.ilo, coarse.ihi);

@@ -145,6 +145,31 @@ void gs_rows(const LevelPtr& m, int first, int last, int dir, double omega) {
   }
 }
 
+// The same over the listed rows rows[b], rows[b+1], ..., rows[e-1] (dir 1)
+// or backwards (dir -1): the rows of one kind of a C/F splitting, visited in
+// the order the test of every row would give.
+template <bool Sor>
+void gs_list(const LevelPtr& m, const int* rows, std::ptrdiff_t b, std::ptrdiff_t e, int dir, double omega) {
+  const int* ia = m.ia;
+  const int* ja = m.ja;
+  const double* a = m.a;
+  double* u = m.u;
+  const double* f = m.f;
+  const std::ptrdiff_t n = e - b;
+  for (std::ptrdiff_t t = 0; t < n; ++t) {
+    const int i = rows[dir > 0 ? b + t : e - 1 - t];
+    const int kd = ia[i];
+    const int ke = ia[i + 1];
+    double r = f[i];
+    for (int k = kd + 1; k < ke; ++k) r -= a[k] * load_u(u, ja[k]);
+    if constexpr (Sor) {
+      store_u(u, i, (r * omega) / a[kd] + (1.0 - omega) * load_u(u, i));
+    } else {
+      store_u(u, i, r / a[kd]);
+    }
+  }
+}
+
 using GsRowsFn = void (*)(const LevelPtr&, int, int, int, double);
 
 GsRowsFn gs_kernel(Points p, bool sor) {
@@ -163,6 +188,22 @@ GsRowsFn gs_kernel(Points p, bool sor) {
 // in the sweep's direction, in place and without synchronisation.
 void gs_sweep(const LevelView& L, const GsStep& g, double omega, int nmin_matrix) {
   const LevelPtr m = level_ptr(L);
+  const CfRows* cf = g.points == Points::All ? nullptr : cf_rows_of(L);
+  if (cf != nullptr) {
+    // The rows of the step's kind, cut at the same static row blocks.
+    const std::vector<int>& rows = g.points == Points::C ? cf->c : cf->f;
+    const int dir = g.ascending ? 1 : -1;
+    for_blocks(L.ilo, L.ihi, nmin_matrix, [&](int lo, int hi, int) {
+      if (lo > hi) return;
+      const auto b = std::lower_bound(rows.begin(), rows.end(), lo) - rows.begin();
+      const auto e = std::upper_bound(rows.begin(), rows.end(), hi) - rows.begin();
+      if (g.sor)
+        gs_list<true>(m, rows.data(), b, e, dir, omega);
+      else
+        gs_list<false>(m, rows.data(), b, e, dir, omega);
+    });
+    return;
+  }
   const GsRowsFn rows = gs_kernel(g.points, g.sor);
   const int dir = g.ascending ? 1 : -1;
   for_blocks(L.ilo, L.ihi, nmin_matrix, [&](int lo, int hi, int) {

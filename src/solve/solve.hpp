@@ -240,12 +240,21 @@ bool check_cldense_ctrl();
 // ===========================================================================
 
 // Process-wide work data of the solution phase, released by the cleanup.
+// The rows of each kind of a level's C/F splitting, in rising order, so that
+// the C-point and F-point sweeps visit their rows without testing every row.
+struct CfRows {
+  int ilo = 1, ihi = 0;
+  const int* icg = nullptr;  // origin of the splitting the lists were built from
+  std::vector<int> c, f;     // icg > 0; icg < 1
+};
+
 struct SolveState {
   std::vector<double> omega_jacobi_vec;  // damping per unknown: size 1 or nsys
   std::vector<double> uold;              // Jacobi scratch, grows to the largest level
   std::vector<double> resh;              // fine residual of the threaded restrictions
   std::vector<double> star_e;            // star cycles: u at the start of the level's visit
   std::vector<Transpose> restriction;    // per fine level k (index k): transposed interpolation
+  std::vector<CfRows> cf_rows;           // per level k (index k) with a coarser level below
   bool roundoff_watch = true;            // coarsest-level round-off watch, once per run
 };
 SolveState& solve_state();
@@ -283,6 +292,12 @@ int restriction_variant();
 // 1..levels-1 when the variant in force gathers through them (-1), and
 // drops them otherwise.
 void wt_setup(int levels);
+// Builds the C and F row lists of levels 1..levels-1 from the splitting in
+// the store (after a new setup; the splitting of a kept hierarchy does not
+// change).
+void cf_rows_setup(int levels);
+// The lists of L when they were built from L's splitting, else null.
+const CfRows* cf_rows_of(const LevelView& L);
 // Restriction of the residual of `fine` (f - A u) to the right-hand side of
 // `coarse`, whose u and f start from zero.
 void restrict_residual(const LevelView& fine, const LevelView& coarse);

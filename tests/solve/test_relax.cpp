@@ -280,17 +280,34 @@ TEST_F(Relax, GaussSeidelDigitsMatchReference) {
         SCOPED_TRACE("ilo " + std::to_string(sh.ilo) + " step " + std::to_string(c.step) +
                      " do_cf " + std::to_string(c.do_cf) + " sor_do " + std::to_string(sor.sor_do) +
                      " sor_up " + std::to_string(sor.sor_up));
-        Level M = grid_level(sh.nx, sh.ny, sh.ilo, sh.k0, sh.coef, 17u + static_cast<unsigned>(sh.ilo));
-        const double omega = c.sor_do ? sor.sor_do : 0.0;
-        const std::vector<double> want = ref_gs(M, c.points, c.ascending, omega);
-        SmootherSettings s;
-        s.omega_sor_do = sor.sor_do;
-        s.omega_sor_up = sor.sor_up;
-        // Without C/F splitting the level may come without icg at all.
-        LevelView L = M.view(c.do_cf || sh.ilo == 1);
-        kornlt::relx_gs(L, c.step, c.do_cf, s);
-        ASSERT_EQ(kornlt::ierr(), 0);
-        for (int i = 0; i < M.n(); ++i) ASSERT_EQ(M.u[i], want[i]) << "row " << M.ilo + i;
+        // Both ways of visiting the rows of one kind: testing every row, and
+        // the C and F row lists a hierarchy's cycle builds.
+        for (bool lists : {false, true}) {
+          SCOPED_TRACE(lists ? "row lists" : "row tests");
+          Level M = grid_level(sh.nx, sh.ny, sh.ilo, sh.k0, sh.coef, 17u + static_cast<unsigned>(sh.ilo));
+          const double omega = c.sor_do ? sor.sor_do : 0.0;
+          const std::vector<double> want = ref_gs(M, c.points, c.ascending, omega);
+          SmootherSettings s;
+          s.omega_sor_do = sor.sor_do;
+          s.omega_sor_up = sor.sor_up;
+          // Without C/F splitting the level may come without icg at all.
+          LevelView L = M.view(c.do_cf || sh.ilo == 1);
+          auto& cf = kornlt::solve_state().cf_rows;
+          cf.clear();
+          if (lists && !L.icg.empty()) {
+            cf.resize(static_cast<std::size_t>(L.k) + 1);
+            kornlt::CfRows& r = cf.back();
+            r.ilo = L.ilo;
+            r.ihi = L.ihi;
+            r.icg = L.icg.origin();
+            for (int i = L.ilo; i <= L.ihi; ++i) (L.icg(i) > 0 ? r.c : r.f).push_back(i);
+            ASSERT_EQ(kornlt::cf_rows_of(L), &r);
+          }
+          kornlt::relx_gs(L, c.step, c.do_cf, s);
+          cf.clear();
+          ASSERT_EQ(kornlt::ierr(), 0);
+          for (int i = 0; i < M.n(); ++i) ASSERT_EQ(M.u[i], want[i]) << "row " << M.ilo + i;
+        }
       }
     }
   }
