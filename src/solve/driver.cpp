@@ -57,7 +57,9 @@ void print_report(const CoreCall& c, const Input& in, const SolveSetup& s) {
     print_line(0, 0, "Basic Method: Smoothing only - " + smoother_family(in, s));
   } else {
     static constexpr const char* kCycle[] = {"", "V", "F", "W", "VV"};
-    print_line(0, 0, "Basic Method: AMG on " + fmt_int(s.levels) + " levels (" + kCycle[in.igam] + "-cycle)");
+    const std::string cycle =
+        in.star_cycle ? "*-cycle[" + fmt_int(s.nstar_typ) + "]" : std::string(kCycle[in.igam]) + "-cycle";
+    print_line(0, 0, "Basic Method: AMG on " + fmt_int(s.levels) + " levels (" + cycle + ")");
   }
   print_line(0, 0, "Approach:   variable-based");
   if (in.igam < 5) print_line(0, 0, "Smoothing:  " + smoother_family(in, s));

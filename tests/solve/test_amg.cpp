@@ -533,6 +533,9 @@ TEST_F(Amg, AcceleratorSubstitutionsShowInTheReport) {
     const std::string text = log.text();
     EXPECT_NE(text.find(k.text), std::string::npos) << text;
     EXPECT_EQ(count(text, "Acceleration: "), 1u) << text;
+    // Star cycling names its cycle by nstar_typ (0 reads as 2).
+    const char* cycle = k.ncyc < 0 ? "levels (*-cycle[2])" : "levels (V-cycle)";
+    EXPECT_NE(text.find(cycle), std::string::npos) << text;
   }
 }
 
