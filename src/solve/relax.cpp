@@ -115,6 +115,24 @@ LevelPtr level_ptr(const LevelView& L) {
           L.icg.empty() ? nullptr : L.icg.origin()};
 }
 
+// The Gauss-Seidel update of row i: u(i) = r / a_ii with r = f(i) minus the
+// off-diagonal a(k)*u(ja(k)), or the SOR form (r*omega)/a_ii + (1-omega)*u(i).
+// The arrays come as plain pointers held by the caller's loop, so that the
+// compiler keeps them in registers across the atomic accesses to u.
+template <bool Sor>
+inline void relax_row(const int* ia, const int* ja, const double* a, double* u, const double* f, int i,
+                      double omega) {
+  const int kd = ia[i];
+  const int ke = ia[i + 1];
+  double r = f[i];
+  for (int k = kd + 1; k < ke; ++k) r -= a[k] * load_u(u, ja[k]);
+  if constexpr (Sor) {
+    store_u(u, i, (r * omega) / a[kd] + (1.0 - omega) * load_u(u, i));
+  } else {
+    store_u(u, i, r / a[kd]);
+  }
+}
+
 // One Gauss-Seidel pass over rows first, first+dir, ..., last (inclusive):
 // u(i) = r / a_ii with r = f(i) - sum of the off-diagonal a(k)*u(ja(k)), or the
 // SOR form (r*omega)/a_ii + (1-omega)*u(i). Rows outside P are skipped.
@@ -133,15 +151,7 @@ void gs_rows(const LevelPtr& m, int first, int last, int dir, double omega) {
     } else if constexpr (P == Points::C) {
       if (icg[i] < 1) continue;
     }
-    const int kd = ia[i];
-    const int ke = ia[i + 1];
-    double r = f[i];
-    for (int k = kd + 1; k < ke; ++k) r -= a[k] * load_u(u, ja[k]);
-    if constexpr (Sor) {
-      store_u(u, i, (r * omega) / a[kd] + (1.0 - omega) * load_u(u, i));
-    } else {
-      store_u(u, i, r / a[kd]);
-    }
+    relax_row<Sor>(ia, ja, a, u, f, i, omega);
   }
 }
 
@@ -156,18 +166,7 @@ void gs_list(const LevelPtr& m, const int* rows, std::ptrdiff_t b, std::ptrdiff_
   double* u = m.u;
   const double* f = m.f;
   const std::ptrdiff_t n = e - b;
-  for (std::ptrdiff_t t = 0; t < n; ++t) {
-    const int i = rows[dir > 0 ? b + t : e - 1 - t];
-    const int kd = ia[i];
-    const int ke = ia[i + 1];
-    double r = f[i];
-    for (int k = kd + 1; k < ke; ++k) r -= a[k] * load_u(u, ja[k]);
-    if constexpr (Sor) {
-      store_u(u, i, (r * omega) / a[kd] + (1.0 - omega) * load_u(u, i));
-    } else {
-      store_u(u, i, r / a[kd]);
-    }
-  }
+  for (std::ptrdiff_t t = 0; t < n; ++t) relax_row<Sor>(ia, ja, a, u, f, rows[dir > 0 ? b + t : e - 1 - t], omega);
 }
 
 using GsRowsFn = void (*)(const LevelPtr&, int, int, int, double);
