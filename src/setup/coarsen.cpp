@@ -462,7 +462,24 @@ bool select_parallel(const Graph& g, const TGraph& t, int* icg, SelectionCounts&
                         bnf[sb]);
   });
 
-  // C. Boundary rounds.
+  // C. Boundary rounds, over the variables each block still has undecided
+  // (a list per block, shrinking as they are decided): every other row is
+  // left alone by the rounds, so scanning only these gives the same result.
+  std::vector<std::vector<int>> open(snt);
+  std::atomic<bool> refused{false};
+  parallel_blocks(lo, hi, nt, [&](int blo, int bhi, int b) {
+    try {
+      std::vector<int>& list = open[static_cast<std::size_t>(b)];
+      for (int i = blo; i <= bhi; ++i)
+        if (icg[i] == kIcgUndecided) list.push_back(i);
+    } catch (const std::bad_alloc&) {
+      refused = true;
+    }
+  });
+  if (refused) {
+    fail(kErrAllocation, "Allocation #" + fmt_int(nalloc + 1) + " failed in (" + who + ")");
+    return false;
+  }
   std::vector<int> ncand(snt, 0);
   auto beats = [&](int i, int j) {
     if (lam[i] != lam[j]) return lam[i] > lam[j];
@@ -474,9 +491,16 @@ bool select_parallel(const Graph& g, const TGraph& t, int* icg, SelectionCounts&
     const int nth = omp_get_num_threads(), tid = omp_get_thread_num();
     for (;;) {
       for (int b = tid; b < nt; b += nth) {
-        const RowBlock r = static_block(lo, hi, b, nt);
-        for (int k = r.lo; k <= r.hi; ++k) {
-          if (icg[k] != kIcgUndecided) continue;
+        // Drop what the last round decided (its selection marks with it),
+        // then the measures of what is left.
+        std::vector<int>& list = open[static_cast<std::size_t>(b)];
+        std::size_t kept = 0;
+        for (const int k : list) {
+          sel[k] = 0;
+          if (icg[k] == kIcgUndecided) list[kept++] = k;
+        }
+        list.resize(kept);
+        for (const int k : list) {
           int m = 0;
           for (int p = t.ptr[k]; p < t.ptr[k + 1]; ++p) m += measure_weight(icg[t.col[p]]);
           lam[k] = m;
@@ -484,11 +508,9 @@ bool select_parallel(const Graph& g, const TGraph& t, int* icg, SelectionCounts&
       }
 #pragma omp barrier
       for (int b = tid; b < nt; b += nth) {
-        const RowBlock r = static_block(lo, hi, b, nt);
         int cnt = 0;
-        for (int i = r.lo; i <= r.hi; ++i) {
-          sel[i] = 0;
-          if (icg[i] != kIcgUndecided || lam[i] <= 0) continue;
+        for (const int i : open[static_cast<std::size_t>(b)]) {
+          if (lam[i] <= 0) continue;
           bool best = true;
           for (int q = g.sbeg(i), e = g.send(i); q < e && best; ++q) {
             const int j = g.ja[q];
@@ -510,10 +532,8 @@ bool select_parallel(const Graph& g, const TGraph& t, int* icg, SelectionCounts&
       for (int v : ncand) total += v;
       if (total == 0) break;  // the same decision on every thread
       for (int b = tid; b < nt; b += nth) {
-        const RowBlock r = static_block(lo, hi, b, nt);
         const std::size_t sb = static_cast<std::size_t>(b);
-        for (int i = r.lo; i <= r.hi; ++i) {
-          if (icg[i] != kIcgUndecided) continue;
+        for (const int i : open[sb]) {
           if (sel[i]) {
             icg[i] = kIcgC;
             ++bnc[sb];
