@@ -902,8 +902,11 @@ SelectionCounts rcol(const ReducedGraph& rg, std::vector<int>& icgg, int nxf_cle
   const int nt = std::max(1, std::min(nthreads, nc));
   const Graph g{1, nc, rg.iaa.data() - 1, rg.jaa.data() - 1};
   int* icg = icgg.data() - 1;
+  // The transposed graph is the same list for list whichever way it is
+  // built, so it takes the threads even when the selection runs serially.
   TGraph t;
-  const bool ok_t = nt > 1 ? transpose_parallel(g, icg, t, nt, nalloc) : transpose_serial(g, icg, t, nalloc);
+  const int ntt = usable_threads(nc);
+  const bool ok_t = ntt > 1 ? transpose_parallel(g, icg, t, ntt, nalloc) : transpose_serial(g, icg, t, nalloc);
   if (!ok_t) {
     fail(kErrAllocation, "Allocation #" + fmt_int(nalloc) + " failed in (rcol)");
     return c;
