@@ -329,7 +329,7 @@ void pw1_threaded_rows(int k, const LevelData& L, const RowParams& rp, InterpRes
     try {
       parts.resize(static_cast<std::size_t>(nthr));
       rowflags.assign(static_cast<std::size_t>(L.nvars()), 0);
-      for (Pw1Part& pt : parts) pt.m.init(L.ilo, L.ihi);
+      ok = init_part_markers(parts, L.ilo, L.ihi);
     } catch (const std::bad_alloc&) {
       ok = false;
     }

@@ -159,7 +159,7 @@ void multipass(const LevelView& Lv, const LevelData& L, const InterpSettings& s,
   if (ok) {
     try {
       parts.resize(static_cast<std::size_t>(nthr));
-      for (PassPart& pt : parts) pt.m.init(L.ilo, L.ihi);
+      ok = init_part_markers(parts, L.ilo, L.ihi);
     } catch (const std::bad_alloc&) {
       ok = false;
     }

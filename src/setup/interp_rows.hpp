@@ -11,7 +11,9 @@
 #pragma once
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -63,6 +65,24 @@ struct Markers {
     ipatt = origin_at(ipatt_v, ilo);
   }
 };
+
+// The markers of every thread's part, each zeroed by the thread that works
+// with it (its own memory, touched first there), all at once. False when
+// memory ran out.
+template <class Parts>
+bool init_part_markers(Parts& parts, int ilo, int ihi) {
+  std::atomic<bool> ok{true};
+  const int n = static_cast<int>(parts.size());
+#pragma omp parallel for schedule(static, 1) num_threads(n) if (n > 1)
+  for (int t = 0; t < n; ++t) {
+    try {
+      parts[static_cast<std::size_t>(t)].m.init(ilo, ihi);
+    } catch (const std::bad_alloc&) {
+      ok = false;
+    }
+  }
+  return ok;
+}
 
 // Storage for rows in a private 1-based position space (position 0 unused).
 struct RowBuffer {
