@@ -4,6 +4,7 @@
 #include <omp.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cassert>
 #include <cstdio>
 #include <cstring>
@@ -723,13 +724,15 @@ void build_transpose(Transpose& t, int ilo, int ihi, int iclo, int ichi, const V
     t.jwt.resize(static_cast<std::size_t>(nnz));
     t.wt.resize(static_cast<std::size_t>(nnz));
     cnt.resize(static_cast<std::size_t>(nthr));
-    for (auto& c : cnt) c.assign(static_cast<std::size_t>(nc), 0);
   } catch (const std::bad_alloc&) {
     fail(kErrAllocation, "Allocation failed for <wt,jwt> in (wt_setup)");
     return;
   }
   std::vector<RowBlock> blk(static_cast<std::size_t>(nthr), RowBlock{1, 0});
+  std::vector<long long> part(static_cast<std::size_t>(nthr) + 1, 0);
+  std::atomic<bool> refused{false};
   int nused = 1;
+  int* iwt = t.iwt.data();
 #pragma omp parallel num_threads(nthr) if (nthr > 1)
   {
     const int th = omp_get_thread_num();
@@ -737,29 +740,53 @@ void build_transpose(Transpose& t, int ilo, int ihi, int iclo, int ichi, const V
     if (th == 0) nused = nt;
     const RowBlock b = static_block(ilo, ihi, th, nt);
     blk[static_cast<std::size_t>(th)] = b;
-    int* c = origin_at(cnt[static_cast<std::size_t>(th)], iclo);
-    for (int i = b.lo; i <= b.hi; ++i)
-      for (int p = iwo[i]; p < iwo[i + 1]; ++p) ++c[jwo[p]];
-  }
-  // Row pointers: column c gathers thread 0's entries, then thread 1's, ...
-  // so its fine rows come in rising order.
-  int* iwt = t.iwt.data();
-  for (int c = 0; c < nc; ++c) {
-    int s = 0;
-    for (int th = 0; th < nused; ++th) s += cnt[static_cast<std::size_t>(th)][static_cast<std::size_t>(c)];
-    iwt[c + 1] = s;
-  }
-  iwt[0] = 1;
-  for (int c = 0; c < nc; ++c) iwt[c + 1] += iwt[c];
-  for (int c = 0; c < nc; ++c) {
-    int cur = iwt[c];
-    for (int th = 0; th < nused; ++th) {
-      int& x = cnt[static_cast<std::size_t>(th)][static_cast<std::size_t>(c)];
-      const int n = x;
-      x = cur;
-      cur += n;
+    std::vector<int>& mine = cnt[static_cast<std::size_t>(th)];
+    try {
+      mine.assign(static_cast<std::size_t>(nc), 0);
+    } catch (const std::bad_alloc&) {
+      refused = true;
+    }
+    if (!refused) {
+      int* c = origin_at(mine, iclo);
+      for (int i = b.lo; i <= b.hi; ++i)
+        for (int p = iwo[i]; p < iwo[i + 1]; ++p) ++c[jwo[p]];
+    }
+#pragma omp barrier
+    // Row pointers: column c gathers thread 0's entries, then thread 1's,
+    // ..., so its fine rows come in rising order. Columns are shared out in
+    // static blocks: per-column sums, a scan of the block totals, then the
+    // pointers and each thread's fill cursors.
+    const RowBlock cb = static_block(0, nc - 1, th, nt);
+    long long total = 0;
+    if (!refused)
+      for (int c = cb.lo; c <= cb.hi; ++c) {
+        int sum = 0;
+        for (int q = 0; q < nt; ++q) sum += cnt[static_cast<std::size_t>(q)][static_cast<std::size_t>(c)];
+        iwt[c + 1] = sum;
+        total += sum;
+      }
+    part[static_cast<std::size_t>(th) + 1] = total;
+#pragma omp barrier
+#pragma omp single
+    for (int q = 0; q < nt; ++q) part[static_cast<std::size_t>(q) + 1] += part[static_cast<std::size_t>(q)];
+    if (!refused) {
+      long long cur = 1 + part[static_cast<std::size_t>(th)];
+      for (int c = cb.lo; c <= cb.hi; ++c) {
+        iwt[c] = static_cast<int>(cur);
+        for (int q = 0; q < nt; ++q) {
+          int& x = cnt[static_cast<std::size_t>(q)][static_cast<std::size_t>(c)];
+          const int m = x;
+          x = static_cast<int>(cur);
+          cur += m;
+        }
+      }
     }
   }
+  if (refused) {
+    fail(kErrAllocation, "Allocation failed for <wt,jwt> in (wt_setup)");
+    return;
+  }
+  iwt[nc] = 1 + static_cast<int>(part[static_cast<std::size_t>(nused)]);
   int* jwt = origin_at(t.jwt, 1);
   double* wt = origin_at(t.wt, 1);
 #pragma omp parallel for schedule(static) num_threads(nused) if (nused > 1)
