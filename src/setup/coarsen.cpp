@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <new>
 #include <string>
 #include <vector>
@@ -25,6 +26,22 @@ namespace {
 // ===========================================================================
 
 bool g_fail_next_alloc = false;  // test hook
+
+// Counted allocation of a work array left unset, for arrays each thread sets
+// itself; false when it failed.
+bool alloc_unset(std::unique_ptr<int[]>& v, std::size_t n, int& nalloc) {
+  ++nalloc;
+  if (g_fail_next_alloc) {
+    g_fail_next_alloc = false;
+    return false;
+  }
+  try {
+    v.reset(new int[n]);
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+  return true;
+}
 
 // Counted allocation of a work array; false when it failed.
 template <class T>
@@ -788,14 +805,15 @@ bool build_reduced_graph(const LevelView& L, int nc, int nred, int nthreads, Red
   const int nt = std::max(1, std::min(nthreads, nc));
   const std::size_t snc = static_cast<std::size_t>(nc);
   int nalloc = 0;
-  std::vector<int> rowcnt, stampv, cntv;
+  std::vector<int> rowcnt;
+  std::unique_ptr<int[]> stampv, cntv;  // per thread block: set by its thread
   const std::size_t per = snc + 1;
   if (!alloc(g.iaa, snc + 1, 0, nalloc) || !alloc(g.cvar, snc, 0, nalloc) || !alloc(rowcnt, snc + 1, 0, nalloc)) {
     fail(kErrAllocation, "Allocation failed for <iaa,jaa,icgg> in (reduce)");
     return false;
   }
-  if (!alloc(stampv, per * static_cast<std::size_t>(nt), 0, nalloc) ||
-      !alloc(cntv, per * static_cast<std::size_t>(nt), 0, nalloc)) {
+  if (!alloc_unset(stampv, per * static_cast<std::size_t>(nt), nalloc) ||
+      !alloc_unset(cntv, per * static_cast<std::size_t>(nt), nalloc)) {
     fail(kErrAllocation, "Allocation failed for <probl_count> in (reduce)");
     return false;
   }
@@ -833,9 +851,12 @@ bool build_reduced_graph(const LevelView& L, int nc, int nred, int nthreads, Red
       }
     }
   };
+  // A block's stamps start at 0 (no row is 0); a counter is read only
+  // behind its stamp.
   auto thread_arrays = [&](int b, int*& stamp, int*& counter) {
-    stamp = stampv.data() + per * static_cast<std::size_t>(b);
-    counter = cntv.data() + per * static_cast<std::size_t>(b);
+    stamp = stampv.get() + per * static_cast<std::size_t>(b);
+    counter = cntv.get() + per * static_cast<std::size_t>(b);
+    std::fill(stamp, stamp + per, 0);
   };
 
   // First sweep: count.
@@ -862,7 +883,6 @@ bool build_reduced_graph(const LevelView& L, int nc, int nred, int nthreads, Red
   }
   // Second sweep: fill, and compare with the count.
   std::vector<int> bad(static_cast<std::size_t>(nt), 0);
-  std::fill(stampv.begin(), stampv.end(), 0);
   parallel_blocks(1, nc, nt, [&](int blo, int bhi, int b) {
     int *stamp, *counter;
     thread_arrays(b, stamp, counter);
