@@ -605,7 +605,10 @@ void prepare_opdfn(int k) {
 
   // The level is counted: the diagonal slots get their columns back.
   const FineLevel f = fine_level(kf);
-  for (int i = ilo; i <= ihi; ++i) f.ja[f.ia[i]] = i;
+  const int nmin = prm().nmin_matrix;
+  for_blocks(ilo, ihi, nmin, [&](int lo, int hi, int) {
+    for (int i = lo; i <= hi; ++i) f.ja[f.ia[i]] = i;
+  });
 
   icg = icg_org();  // u_extent may have moved it
   int c = ihi;
@@ -614,7 +617,9 @@ void prepare_opdfn(int k) {
 
   const int* iw = iw_org();
   int* jw = jw_org();
-  for (int p = iw[ilo]; p < iw[ihi + 1]; ++p) jw[p] = icg[jw[p]];
+  for_blocks(ilo, ihi, nmin, [&](int lo, int hi, int) {
+    for (int p = iw[lo]; p < iw[hi + 1]; ++p) jw[p] = icg[jw[p]];
+  });
 }
 
 // ---------------------------------------------------------------------------
