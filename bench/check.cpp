@@ -100,7 +100,7 @@ void check_form(const kornbench::Rows& r, const std::string& name) {
 }
 
 // Rows built in blocks equal the rows built whole.
-void check_blocks(const kornbench::Spec& s, const kornbench::Rows& whole) {
+void check_blocks(const kornbench::ProblemDef& s, const kornbench::Rows& whole) {
   for (int nranks = 2; nranks <= 5; ++nranks) {
     std::vector<int> ja;
     std::vector<double> a, f;
@@ -124,9 +124,9 @@ void check_blocks(const kornbench::Spec& s, const kornbench::Rows& whole) {
   }
 }
 
-kornbench::Rows build(const std::string& text, kornbench::Spec& s) {
+kornbench::Rows build(const std::string& text, kornbench::ProblemDef& s) {
   kornbench::Rows r;
-  check(kornbench::parse_spec(text, s).empty(), text + ": parse");
+  check(kornbench::parse_problem(text, s).empty(), text + ": parse");
   check(kornbench::build_rows(s, 0, -1, r).empty(), text + ": build");
   check_form(r, text);
   return r;
@@ -135,7 +135,7 @@ kornbench::Rows build(const std::string& text, kornbench::Spec& s) {
 }  // namespace
 
 int main() {
-  kornbench::Spec s;
+  kornbench::ProblemDef s;
 
   // ---- seven-point Laplacian: T (x) I (x) I + I (x) T (x) I + I (x) I (x) T.
   for (int n : {2, 3, 4}) {
@@ -173,7 +173,7 @@ int main() {
     check(max_diff(to_dense(r), ref) < 1e-15, "aniso2d:" + std::to_string(n) + " equals the Kronecker sum");
     check_blocks(s, r);
   }
-  check(kornbench::parse_spec("aniso2d:7", s).empty() && s.eps == 1e-3 && s.dim == 2, "aniso2d default eps");
+  check(kornbench::parse_problem("aniso2d:7", s).empty() && s.eps == 1e-3 && s.dim == 2, "aniso2d default eps");
 
   // ---- groundwater: symmetric; the diagonal is the sum of the cell's face
   // conductances, so rows of cells away from fixed cells sum to zero and the
@@ -231,9 +231,9 @@ int main() {
     std::remove(path.c_str());
   }
 
-  // ---- specifications that must be refused, and block sizes.
+  // ---- problem names that must be refused, and block sizes.
   for (const char* bad : {"poisson7", "poisson7:1", "poisson7:x", "cube:10", "aniso2d:10:-1", "mtx:", "gw:10:3"})
-    check(!kornbench::parse_spec(bad, s).empty(), std::string("refuses '") + bad + "'");
+    check(!kornbench::parse_problem(bad, s).empty(), std::string("refuses '") + bad + "'");
   for (int nranks : {1, 3, 7}) {
     int total = 0, lo = 0, hi = 0, minsz = 1 << 30, maxsz = 0;
     for (int rank = 0; rank < nranks; ++rank) {

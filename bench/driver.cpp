@@ -49,7 +49,7 @@ const char* const kUsage =
     "  --quick             poisson7:50 poisson7:100 (the default)\n"
     "  --full              poisson7:50 poisson7:100 poisson7:150 gw:100 aniso2d:1000\n"
     "                      poisson27:60\n"
-    "  --problem SPEC      a problem (repeatable; replaces the set): poisson7:N,\n"
+    "  --problem NAME      a problem (repeatable; replaces the set): poisson7:N,\n"
     "                      poisson27:N, aniso2d:N[:EPS], gw:N, mtx:PATH\n"
     "  --mtx FILE          a Matrix Market file (repeatable; adds to the set)\n"
     "options:\n"
@@ -477,12 +477,12 @@ int main(int argc, char** argv) {
     threads = keep;
   }
   if (threads.empty()) usage("no thread count left");
-  std::vector<kornbench::Spec> specs;
+  std::vector<kornbench::ProblemDef> defs;
   for (const std::string& p : problems) {
-    kornbench::Spec s;
-    const std::string err = kornbench::parse_spec(p, s);
+    kornbench::ProblemDef s;
+    const std::string err = kornbench::parse_problem(p, s);
     if (!err.empty()) usage(err);
-    specs.push_back(s);
+    defs.push_back(s);
   }
 
   // ---- workers
@@ -577,8 +577,8 @@ int main(int argc, char** argv) {
   // ---- the problems
   // results[problem][threads][config index]
   std::map<std::string, std::map<int, std::vector<Summary>>> results;
-  for (const kornbench::Spec& spec : specs) {
-    std::string safe = spec.text;
+  for (const kornbench::ProblemDef& problem : defs) {
+    std::string safe = problem.text;
     for (char& c : safe)
       if (c == ':' || c == '/' || c == ' ') c = '_';
     std::string title;
@@ -592,11 +592,11 @@ int main(int argc, char** argv) {
           const Config& cf = configs[c];
           const std::string log = logdir + "/" + safe + "-" + cf.solver + "-" + cf.name + "-t" + std::to_string(t) +
                                   "-r" + std::to_string(r + 1) + ".log";
-          std::fprintf(stderr, "korn-bench: %s, %s, %d thread(s), run %d of %d\n", spec.text.c_str(),
+          std::fprintf(stderr, "korn-bench: %s, %s, %d thread(s), run %d of %d\n", problem.text.c_str(),
                        cf.label().c_str(), t, r + 1, repeat);
           Run run;
           if (cf.solver == "korn") {
-            std::vector<std::string> a = {korn_exe, "--problem", spec.text, "--threads", std::to_string(t), "--nd",
+            std::vector<std::string> a = {korn_exe, "--problem", problem.text, "--threads", std::to_string(t), "--nd",
                                           std::to_string(cf.nd), "--maxit", std::to_string(maxit), "--vcycles",
                                           std::to_string(vcycles)};
             for (const std::string& s : sets) {
@@ -607,7 +607,7 @@ int main(int argc, char** argv) {
                              timeout_s);
           } else {
             std::vector<std::string> a = {mpiexec, "-np", std::to_string(t), "--bind-to", "none", hypre_exe,
-                                          "--problem", spec.text, "--config", cf.base(), "--maxit",
+                                          "--problem", problem.text, "--config", cf.base(), "--maxit",
                                           std::to_string(maxit)};
             if (!cf.theta().empty()) {
               a.push_back("--theta");
@@ -626,11 +626,11 @@ int main(int argc, char** argv) {
       }
       std::vector<Summary> sums;
       for (const auto& rr : runs) sums.push_back(summarize(rr));
-      results[spec.text][t] = sums;
+      results[problem.text][t] = sums;
 
       // ---- the table of this problem and thread count
       if (t == threads.front()) {
-        emit("## " + spec.text + (title.empty() ? "" : ": " + title) + "\n\n");
+        emit("## " + problem.text + (title.empty() ? "" : ": " + title) + "\n\n");
         if (n > 0) emit(std::to_string(n) + " rows, " + std::to_string(nnz) + " nonzeros.\n\n");
       }
       emit("### " + std::to_string(t) + (t == 1 ? " thread / rank" : " threads / ranks") + "\n\n");
@@ -686,16 +686,16 @@ int main(int argc, char** argv) {
          "on as many threads.\n\n");
     emit("| problem | threads | KORN | levels | MB / cycle | V-cycle ms | attained GB/s | STREAM GB/s | attained / STREAM | cycle rate |\n");
     emit("|---|---:|---|---:|---:|---:|---:|---:|---:|---:|\n");
-    for (const kornbench::Spec& spec : specs)
+    for (const kornbench::ProblemDef& problem : defs)
       for (int t : threads)
         for (std::size_t c = 0; c < configs.size(); ++c) {
           if (configs[c].solver != "korn") continue;
-          const Summary& s = results[spec.text][t][c];
+          const Summary& s = results[problem.text][t][c];
           bool with_p = true;
           const double bytes = s.nok > 0 ? vcycle_bytes(s, with_p) : NAN;
           const double gbs = bytes / s.vcycle * 1e-9;
           const double st = stream_gbs.count(t) ? stream_gbs[t] : NAN;
-          emit("| " + spec.text + " | " + std::to_string(t) + " | " + configs[c].name + " | " +
+          emit("| " + problem.text + " | " + std::to_string(t) + " | " + configs[c].name + " | " +
                cell(s.levels, "%.0f") + " | " + cell(bytes / 1e6, "%.1f") + (with_p ? "" : " (no P)") + " | " +
                cell(s.vcycle * 1e3, "%.2f") + " | " + cell(gbs, "%.2f") + " | " + cell(st, "%.2f") + " | " +
                cell(gbs / st, "%.2f") + " | " + cell(s.vrho, "%.3f") + " |\n");
@@ -714,12 +714,12 @@ int main(int argc, char** argv) {
       rule += "---:|---:|";
     }
     emit(head + "\n" + rule + "\n");
-    for (const kornbench::Spec& spec : specs)
+    for (const kornbench::ProblemDef& problem : defs)
       for (std::size_t c = 0; c < configs.size(); ++c) {
-        std::string row = "| " + spec.text + " | " + configs[c].label() + " |";
-        const double t1 = results[spec.text][threads.front()][c].total;
+        std::string row = "| " + problem.text + " | " + configs[c].label() + " |";
+        const double t1 = results[problem.text][threads.front()][c].total;
         for (int t : threads) {
-          const double v = results[spec.text][t][c].total;
+          const double v = results[problem.text][t][c].total;
           row += " " + cell(v, "%.3f") + " | " + cell(t1 / v, "%.2f") + " |";
         }
         emit(row + "\n");

@@ -25,8 +25,8 @@
 namespace {
 
 const char* const kUsage =
-    "usage: mpirun -np T korn-bench-hypre --problem SPEC --config NAME [options]\n"
-    "  --problem SPEC   poisson7:N, poisson27:N, aniso2d:N[:EPS], gw:N, mtx:PATH\n"
+    "usage: mpirun -np T korn-bench-hypre --problem NAME --config NAME [options]\n"
+    "  --problem NAME   poisson7:N, poisson27:N, aniso2d:N[:EPS], gw:N, mtx:PATH\n"
     "  --config NAME    rs        classical Ruge-Stueben coarsening (coarsen type 3),\n"
     "                             classical interpolation (interp type 0), no truncation\n"
     "                   hmis      HMIS (10), extended+i interpolation (6), Pmax 4\n"
@@ -96,7 +96,7 @@ int main(int argc, char** argv) {
   MPI_Comm_rank(MPI_COMM_WORLD, &g_rank);
   MPI_Comm_size(MPI_COMM_WORLD, &nranks);
 
-  std::string spec_text, config = "hmis";
+  std::string problem_text, config = "hmis";
   double theta = 0.25, eps = 1e-8;
   int maxit = 500;
   for (int k = 1; k < argc; ++k) {
@@ -106,7 +106,7 @@ int main(int argc, char** argv) {
       return argv[++k];
     };
     if (arg == "--problem") {
-      spec_text = value();
+      problem_text = value();
     } else if (arg == "--config") {
       config = value();
     } else if (arg == "--theta") {
@@ -123,19 +123,19 @@ int main(int argc, char** argv) {
       stop("unknown option " + arg + "\n" + kUsage, 2);
     }
   }
-  if (spec_text.empty()) stop(std::string("--problem is required\n") + kUsage, 2);
-  kornbench::Spec spec;
-  std::string err = kornbench::parse_spec(spec_text, spec);
+  if (problem_text.empty()) stop(std::string("--problem is required\n") + kUsage, 2);
+  kornbench::ProblemDef problem;
+  std::string err = kornbench::parse_problem(problem_text, problem);
   if (!err.empty()) stop(err, 2);
 
   // ---- this rank's rows (not timed)
   std::int64_t nglobal = 0;
-  err = kornbench::problem_size(spec, nglobal);
+  err = kornbench::problem_size(problem, nglobal);
   if (!err.empty()) stop(err, 2);
   int lo = 0, hi = 0;
   kornbench::block_of(nglobal, g_rank, nranks, lo, hi);
   kornbench::Rows r;
-  err = kornbench::build_rows(spec, lo, hi, r);
+  err = kornbench::build_rows(problem, lo, hi, r);
   if (!err.empty()) stop(err, 2);
   const int nloc = hi - lo;
   long nnz_loc = r.ia.back() - 1, nnz = 0;

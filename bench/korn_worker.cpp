@@ -21,8 +21,8 @@
 namespace {
 
 const char* const kUsage =
-    "usage: korn-bench-korn --problem SPEC [options]\n"
-    "  --problem SPEC    poisson7:N, poisson27:N, aniso2d:N[:EPS], gw:N, mtx:PATH\n"
+    "usage: korn-bench-korn --problem NAME [options]\n"
+    "  --problem NAME    poisson7:N, poisson27:N, aniso2d:N[:EPS], gw:N, mtx:PATH\n"
     "  --threads T       OpenMP threads (default: the runtime's)\n"
     "  --nd N            n_default digits of iswit: 17 aggressive first level,\n"
     "                    40 standard coarsening (default 40)\n"
@@ -133,7 +133,7 @@ Hierarchy hierarchy_sizes(int nnu, int nna) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::string spec_text;
+  std::string problem_text;
   int threads = 0, nd = 40, maxit = 500, vcycles = 0, iout = 1;
   double eps = 1e-8;
   std::vector<std::string> sets;
@@ -150,7 +150,7 @@ int main(int argc, char** argv) {
       return v;
     };
     if (arg == "--problem") {
-      spec_text = value();
+      problem_text = value();
     } else if (arg == "--threads") {
       threads = int_value(1, 1024);
     } else if (arg == "--nd") {
@@ -173,9 +173,9 @@ int main(int argc, char** argv) {
       usage("unknown option " + arg);
     }
   }
-  if (spec_text.empty()) usage("--problem is required");
-  kornbench::Spec spec;
-  std::string err = kornbench::parse_spec(spec_text, spec);
+  if (problem_text.empty()) usage("--problem is required");
+  kornbench::ProblemDef problem;
+  std::string err = kornbench::parse_problem(problem_text, problem);
   if (!err.empty()) usage(err);
   for (const std::string& s : sets) set_parameter(s);
   if (threads > 0) omp_set_num_threads(threads);
@@ -183,7 +183,7 @@ int main(int argc, char** argv) {
 
   // ---- the problem (not timed)
   kornbench::Rows r;
-  err = kornbench::build_rows(spec, 0, -1, r);
+  err = kornbench::build_rows(problem, 0, -1, r);
   if (!err.empty()) {
     std::fprintf(stderr, "korn-bench-korn: %s\n", err.c_str());
     return 2;

@@ -220,8 +220,8 @@ void block_of(std::int64_t n, int rank, int nranks, int& lo, int& hi) {
   hi = static_cast<int>(l + q + (rank < rem ? 1 : 0));
 }
 
-std::string parse_spec(const std::string& text, Spec& s) {
-  s = Spec{};
+std::string parse_problem(const std::string& text, ProblemDef& s) {
+  s = ProblemDef{};
   s.text = text;
   const auto colon = text.find(':');
   if (colon == std::string::npos) return "problem '" + text + "': expected KIND:SIZE or mtx:PATH";
@@ -261,7 +261,7 @@ std::string parse_spec(const std::string& text, Spec& s) {
   return "";
 }
 
-std::string problem_size(const Spec& s, std::int64_t& n) {
+std::string problem_size(const ProblemDef& s, std::int64_t& n) {
   switch (s.kind) {
     case Kind::kAniso2d:
       n = static_cast<std::int64_t>(s.n) * s.n;
@@ -286,7 +286,7 @@ std::string problem_size(const Spec& s, std::int64_t& n) {
   }
 }
 
-std::string build_rows(const Spec& s, int lo, int hi, Rows& r) {
+std::string build_rows(const ProblemDef& s, int lo, int hi, Rows& r) {
   if (s.kind == Kind::kMtx) return mtx_rows(s.path, lo, hi, r);
   std::int64_t n = 0;
   problem_size(s, n);

@@ -9,7 +9,7 @@
 
 namespace kornbench {
 
-// What a problem specification names.
+// What a problem name names.
 //   poisson7:N         3D seven-point Laplacian on an N^3 grid (Dirichlet boundary
 //                      eliminated): diagonal 6, neighbours -1
 //   poisson27:N        3D 27-point Laplacian on an N^3 grid: diagonal 26, the 26
@@ -21,17 +21,17 @@ namespace kornbench {
 //   mtx:PATH           a Matrix Market coordinate file (symmetric or general)
 enum class Kind { kPoisson7, kPoisson27, kAniso2d, kGroundwater, kMtx };
 
-struct Spec {
+struct ProblemDef {
   Kind kind = Kind::kPoisson7;
   int n = 0;              // grid points per direction (generated kinds)
   double eps = 1.0e-3;    // anisotropy (aniso2d)
   std::string path;       // file (mtx)
-  std::string text;       // the specification as given
+  std::string text;       // the name as given
   int dim = 3;            // space dimension (2 for aniso2d; 0 unknown for mtx)
 };
 
-// Parses a specification; returns "" or the failure text.
-std::string parse_spec(const std::string& text, Spec& s);
+// Parses a problem name; returns "" or the failure text.
+std::string parse_problem(const std::string& text, ProblemDef& s);
 
 // A block of rows [lo, hi) (0-based global row numbers) of the problem in the
 // library's row form: `ia` local row pointers (1-based positions, ia[0] = 1),
@@ -47,14 +47,14 @@ struct Rows {
 };
 
 // Rows of the whole problem (0 <= lo <= hi <= nglobal; hi < 0 means all rows).
-// Generated kinds depend only on the specification, never on the block.
+// Generated kinds depend only on the problem name, never on the block.
 // A Matrix Market file is read whole and cut to the block. Returns "" or the
 // failure text.
-std::string build_rows(const Spec& s, int lo, int hi, Rows& r);
+std::string build_rows(const ProblemDef& s, int lo, int hi, Rows& r);
 
 // Number of rows of a problem without building it (reads the size line of a
 // Matrix Market file).
-std::string problem_size(const Spec& s, std::int64_t& n);
+std::string problem_size(const ProblemDef& s, std::int64_t& n);
 
 // The right-hand side value of global row i (0-based) for the kinds without a
 // physical source term: uniform in [-1, 1] from a hash of the row number.
