@@ -89,6 +89,7 @@ void release_solve_work() {
   s.uold = {};
   s.resh = {};
   s.star_e = {};
+  s.star_c = {};
   s.restriction = {};
   s.cf_rows = {};
 }
@@ -264,7 +265,7 @@ void korn_main(CoreCall& c) {
       if (in.nrc != nrc_before && st.levels != 1 && in.dump_level >= 0) {
         print_line(1, 1, "CL solver switched from " + fmt_int(nrc_before) + " to " + fmt_int(in.nrc) + ".");
       }
-      // 19.
+      // 19. The hierarchy summary.
       if (p.mode_mess >= 0 && in.messages_on && in.out_level > 0) print_hierarchy_summary();
       ctl.nnu_level1 = c.nnu;
       ctl.nna_level1 = c.nna;
@@ -278,21 +279,19 @@ void korn_main(CoreCall& c) {
       fail(kErrRestartNoSetup, "KORN re-start requires an initial call with iswit=4!");
       return error_exit();
     }
-    if (in.one_level || st.levels == 1) {
-      if (ctl.nnu_level1 != c.nnu || ctl.nna_level1 != c.nna) {
-        fail(kErrRestartChanged, "KORN re-start terminated - illegal change in <nnu/nna>");
-        return error_exit();
-      }
-      ctl.mark_ints = st.memi;
-      ctl.mark_reals = st.memd;
-      ctl.mark_sum = st.watermark();
-    } else if (!ctl.decomposition_ready && p.clsolver_finest == 0) {
+    // A one-level run keeps nothing that depends on the matrix; a kept
+    // hierarchy may take a new level-1 matrix of another length in run
+    // mode 2 only.
+    const bool one_level = in.one_level || st.levels == 1;
+    if (!one_level && !ctl.decomposition_ready && p.clsolver_finest == 0) {
       fail(kErrRestartNoHierarchy, "KORN re-start terminated - no AMG decomposition available in (korn_main)!");
       return error_exit();
-    } else if (ctl.nnu_level1 != c.nnu || (in.run_mode != 2 && ctl.nna_level1 != c.nna)) {
+    }
+    if (ctl.nnu_level1 != c.nnu || ((one_level || in.run_mode != 2) && ctl.nna_level1 != c.nna)) {
       fail(kErrRestartChanged, "KORN re-start terminated - illegal change in <nnu/nna>");
       return error_exit();
-    } else if (in.run_mode == 3) {
+    }
+    if (!one_level && in.run_mode == 3) {
       // New matrix on the old structure: coarse operators from the kept
       // interpolation.
       coarsest_state().release();
@@ -302,7 +301,7 @@ void korn_main(CoreCall& c) {
       }
       recompute_coarse_operators(st.levels, galerkin_settings());
       if (failed()) return error_exit();
-    } else if (in.run_mode == 2) {
+    } else if (!one_level && in.run_mode == 2) {
       opdfn_mov(st.levels);
       if (failed()) return error_exit();
     } else {
@@ -317,8 +316,9 @@ void korn_main(CoreCall& c) {
   ctl.setup_time += wall_time() - t0;
   first_guess(c.ifirst, c.nnu, c.u);
 
-  // 26. Restriction arrays of a new or changed hierarchy.
-  if (in.run_mode >= 3 || solve_state().restriction.size() != static_cast<std::size_t>(st.levels > 1 ? st.levels : 0)) {
+  // 26. Restriction arrays and C/F row lists of a new or recomputed
+  // hierarchy, or of a kept one for another thread count.
+  if (in.run_mode >= 3 || !cycle_data_ready(st.levels)) {
     wt_setup(st.levels);
     if (failed()) return error_exit();
     cf_rows_setup(st.levels);

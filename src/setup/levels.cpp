@@ -5,9 +5,9 @@
 #include <array>
 #include <cmath>
 #include <cstdio>
+#include <string>
 
 #include <omp.h>
-#include <string>
 
 #include "log/log.hpp"
 #include "params/params.hpp"
@@ -111,12 +111,10 @@ Step driver_int(int l, bool aggressive, bool cluster, ReductionFlags& flags, int
     st.iw[0] = 1;
     ierr() = 0;
   }
+  // Cluster levels (piecewise constant interpolation) cannot be formed in
+  // this build; split refuses them before this point.
   const int nwtint1 = cluster ? 0 : (aggressive ? 4 : c.nwtint);
-  if (nwtint1 == 0) {
-    fail(kErrNotAvailable, "Requested type of interpolation not (yet) released");
-    return Step::kError;
-  }
-  if (in.nint_weights != 1) {
+  if (nwtint1 == 0 || in.nint_weights != 1) {
     fail(kErrNotAvailable, "Requested type of interpolation not (yet) released");
     return Step::kError;
   }
@@ -153,17 +151,6 @@ Step driver_int(int l, bool aggressive, bool cluster, ReductionFlags& flags, int
     if (failed()) return Step::kError;
   }
   return Step::kGoOn;
-}
-
-const char* galerkin_variant_name(int v) {
-  switch (v) {
-    case 1: return "standard";
-    case 2: return "determination of row lengths";
-    case 3: return "determination of row lengths + splitting";
-    case 4: return "dynamic parallel memory management";
-    case 5: return "dynamic parallel memory management + splitting";
-    default: return "dynamic memory management using lists";
-  }
 }
 
 }  // namespace
@@ -237,9 +224,8 @@ void crsng_data() {
     print_line(0, 0, "Galerkin: truncation:        no");
   }
   print_line(0, 0, "          block-diagonal:    no");
-  print_line(0, 0, std::string("          product:           ") + galerkin_variant_name(in.nntyp_opdfn));
+  print_line(0, 0, std::string("          product:           ") + std::string(opdfn_variant_name(in.nntyp_opdfn)));
 }
-
 
 void create_levels(int level_limit, int& nrc) {
   StoreState& st = store();

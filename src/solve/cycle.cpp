@@ -2,6 +2,7 @@
 // the stored hierarchy, without recursion: a visit counter per level decides
 // at each return to a level whether to go down again. Also the transfers:
 // restriction of the residual and prolongation of the coarse correction.
+#include <cassert>
 #include <cmath>
 #include <cstdio>
 #include <string>
@@ -67,13 +68,16 @@ void coarsest_solve(const LevelView& L, const SolveSetup& s) {
 // minimising || f - A (e + t c) ||_2, from (r0 - t Ac, r0 - t Ac), r0 = f - A e.
 void minimize(const LevelView& L, const double* e, bool variant1) {
   const int nmin = prm().nmin_matrix;
-  std::vector<double> cbuf(static_cast<std::size_t>(L.nrows()));
-  std::vector<double> acbuf(static_cast<std::size_t>(L.nrows()));
-  double* c = cbuf.data() - L.ilo;
-  double* ac = acbuf.data() - L.ilo;
+  SolveState& ss = solve_state();
+  double* c = scratch(ss.star_c, L.ilo, L.ihi);
+  double* ac = scratch(ss.resh, L.ilo, L.ihi);
   const double* u = L.u.origin();
   for_blocks(L.ilo, L.ihi, nmin, [&](int lo, int hi, int) {
-    for (int i = lo; i <= hi; ++i) c[i] = variant1 ? u[i] : u[i] - e[i];
+    if (variant1) {
+      for (int i = lo; i <= hi; ++i) c[i] = u[i];
+    } else {
+      for (int i = lo; i <= hi; ++i) c[i] = u[i] - e[i];
+    }
   });
   const int* ia = L.ia.origin();
   const int* ja = L.ja.origin();
@@ -130,16 +134,19 @@ void roundoff_warning(double ratio, int nrc) {
 int restriction_variant() {
   const int v = prm().irestriction_openmp;
   if (v == 2) return thread_count() >= 2 ? -1 : 0;
-  if (v == 0 || v == 1 || v == -1) return v;
-  if (std::abs(v) > 1) return 0;
-  fail(kErrIllegalParameter, "resc: unsported input value for irestriction");
-  return 0;
+  return std::abs(v) <= 1 ? v : 0;
+}
+
+bool cycle_data_ready(int levels) {
+  const SolveState& ss = solve_state();
+  const auto n = static_cast<std::size_t>(levels > 1 ? levels : 0);
+  return ss.cf_rows.size() == n && (restriction_variant() != -1 || ss.restriction.size() == n);
 }
 
 void wt_setup(int levels) {
   SolveState& ss = solve_state();
   ss.restriction.clear();
-  if (levels < 2 || restriction_variant() != -1 || failed()) return;
+  if (levels < 2 || restriction_variant() != -1) return;
   ss.restriction.resize(static_cast<std::size_t>(levels));
   for (int k = 1; k < levels && !failed(); ++k) build_transpose_level(ss.restriction[static_cast<std::size_t>(k)], k);
 }
@@ -176,10 +183,9 @@ const CfRows* cf_rows_of(const LevelView& L) {
 void restrict_residual(const LevelView& fine, const LevelView& coarse) {
   const Params& p = prm();
   zero(coarse.u, coarse.ilo, coarse.ihi);
-  int variant = restriction_variant();
-  if (failed()) return;
+  const int variant = restriction_variant();
   SolveState& ss = solve_state();
-  if (variant == -1 && ss.restriction.size() <= static_cast<std::size_t>(fine.k)) variant = 1;
+  assert(variant != -1 || ss.restriction.size() > static_cast<std::size_t>(fine.k));
   const Interp P = interp();
   double* fc = coarse.f.origin();
 

@@ -253,6 +253,7 @@ struct SolveState {
   std::vector<double> uold;              // Jacobi scratch, grows to the largest level
   std::vector<double> resh;              // fine residual of the threaded restrictions
   std::vector<double> star_e;            // star cycles: u at the start of the level's visit
+  std::vector<double> star_c;            // star cycles: the correction being scaled
   std::vector<Transpose> restriction;    // per fine level k (index k): transposed interpolation
   std::vector<CfRows> cf_rows;           // per level k (index k) with a coarser level below
   bool roundoff_watch = true;            // coarsest-level round-off watch, once per run
@@ -286,12 +287,14 @@ void korn_cyc(const LevelView& L1, const Input& in, const SolveSetup& setup, int
 
 // The restriction variant in force: irestriction_openmp 2 gives -1 with at
 // least two threads and 0 otherwise; another absolute value above 1 gives 0.
-// Sets error 20 for an impossible value.
 int restriction_variant();
 // Builds the restriction arrays (transposed interpolation) of levels
 // 1..levels-1 when the variant in force gathers through them (-1), and
 // drops them otherwise.
 void wt_setup(int levels);
+// True when the restriction arrays and the C/F row lists stand for a kept
+// hierarchy of `levels` levels and the thread count in force.
+bool cycle_data_ready(int levels);
 // Builds the C and F row lists of levels 1..levels-1 from the splitting in
 // the store (after a new setup; the splitting of a kept hierarchy does not
 // change).
