@@ -27,30 +27,26 @@ namespace {
 
 bool g_fail_next_alloc = false;  // test hook
 
+// Counts an allocation; true when the test hook refuses it.
+bool refused_by_hook(int& nalloc) {
+  ++nalloc;
+  const bool refuse = g_fail_next_alloc;
+  g_fail_next_alloc = false;
+  return refuse;
+}
+
 // Counted allocation of a work array left unset, for arrays each thread sets
 // itself; false when it failed.
 bool alloc_unset(std::unique_ptr<int[]>& v, std::size_t n, int& nalloc) {
-  ++nalloc;
-  if (g_fail_next_alloc) {
-    g_fail_next_alloc = false;
-    return false;
-  }
-  try {
-    v.reset(new int[n]);
-  } catch (const std::bad_alloc&) {
-    return false;
-  }
-  return true;
+  if (refused_by_hook(nalloc)) return false;
+  v.reset(new (std::nothrow) int[n]);
+  return v != nullptr;
 }
 
 // Counted allocation of a work array; false when it failed.
 template <class T>
 bool alloc(std::vector<T>& v, std::size_t n, T value, int& nalloc) {
-  ++nalloc;
-  if (g_fail_next_alloc) {
-    g_fail_next_alloc = false;
-    return false;
-  }
+  if (refused_by_hook(nalloc)) return false;
   try {
     v.assign(n, value);
   } catch (const std::bad_alloc&) {
