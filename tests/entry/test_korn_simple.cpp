@@ -1,9 +1,6 @@
-// The older call: translation of its codes into the core call, the stored
-// controls set by name, and the codes that end the process.
+// The older call: translation of its codes into the core call, and the codes
+// that end the process.
 #include <gtest/gtest.h>
-
-#include <cmath>
-#include <cstring>
 
 #include "entry/entry.hpp"
 #include "entry/problems.hpp"
@@ -43,114 +40,62 @@ class KornSimple : public testing::Test {
   double eps_ = 0.0;
 };
 
-TEST_F(KornSimple, CycleCodesAreTranslated) {
+TEST_F(KornSimple, CodesAreTranslated) {
+  // ncyc: first field 1 -> 10^(n-1), 3 -> 2*10^(n-1), 4 -> 3*10^(n-1); second
+  // field 2 adds 10^(n-2), 4 adds 2*10^(n-2); the tail is added. The third
+  // field picks the stopping rule: 1 tolerance 0, 2 absolute eps, 3 eps * max |f|.
   struct Case {
-    int in, stored;
+    int ncyc, stored_ncyc;
+    double stored_eps;
   };
-  // First field: 1 -> 10^(n-1), 3 -> 2*10^(n-1), 4 -> 3*10^(n-1), 6 -> 6*10^(n-1);
-  // second field 2 adds 10^(n-2), 4 adds 2*10^(n-2); the tail is added.
-  const Case cases[] = {{10305, 10005}, {12312, 11012}, {32310, 21010}, {44305, 32005},
-                        {11107, 10007}, {1130, 1000}, {14307, 12007}};
-  for (const Case& k : cases) {
+  for (const Case& k : {Case{10305, 10005, -7.5e-6}, {12312, 11012, -7.5e-6}, {32310, 21010, -7.5e-6},
+                        {44305, 32005, -7.5e-6}, {14307, 12007, -7.5e-6}, {11107, 10007, 0.0}, {10205, 10005, -1e-6},
+                        {1130, 1000, -7.5e-6}}) {
     kornlt::simple() = kornlt::SimpleControls{};
-    call(k.in);
-    EXPECT_EQ(kornlt::simple().ncyc.value, k.stored) << k.in;
+    call(k.ncyc, 1e-6);
+    EXPECT_EQ(kornlt::simple().ncyc.value, k.stored_ncyc) << k.ncyc;
+    EXPECT_DOUBLE_EQ(kornlt::simple().eps.value, k.stored_eps) << k.ncyc;
   }
-}
-
-TEST_F(KornSimple, ThirdCycleFieldSelectsTheStoppingRule) {
-  call(10105, 1e-6);  // 1: tolerance 0
-  EXPECT_EQ(kornlt::simple().eps.value, 0.0);
-  kornlt::simple() = kornlt::SimpleControls{};
-  call(10205, 1e-6);  // 2: absolute target eps
-  EXPECT_EQ(kornlt::simple().eps.value, -1e-6);
-  kornlt::simple() = kornlt::SimpleControls{};
-  call(10305, 1e-6);  // 3: absolute target eps * max |f|
-  EXPECT_DOUBLE_EQ(kornlt::simple().eps.value, -7.5e-6);
-}
-
-TEST_F(KornSimple, RunCodesAndOutputs) {
-  call(10305, 1e-6, 4);
+  // iswtch 4 and 5 give the run codes; iout and ifirst 10 and 13 their codes.
+  call(10305, 1e-6, 4, 10, 10);
   EXPECT_EQ(kornlt::simple().iswtch.value, 5117099);
+  EXPECT_EQ(kornlt::simple().iout.value, -1);
+  EXPECT_EQ(kornlt::simple().ifirst.value, 0);
   kornlt::simple() = kornlt::SimpleControls{};
-  call(10305, 1e-6, 5);
+  call(10305, 1e-6, 5, 13, 13);
   EXPECT_EQ(kornlt::simple().iswtch.value, 5117299);
+  EXPECT_EQ(kornlt::simple().iout.value, 2);
+  EXPECT_EQ(kornlt::simple().ifirst.value, 3);
   // On return ncyc holds the cycles done and eps the final residual.
   kornlt::simple() = kornlt::SimpleControls{};
-  const int ierr = call(10320, 1e-3);
-  EXPECT_EQ(ierr, 0);
+  EXPECT_EQ(call(10320, 1e-3), 0);
   EXPECT_GT(ncyc_, 0);
   EXPECT_GT(eps_, 0.0);
   EXPECT_LE(eps_, 1e-3 * 7.5);
 }
 
-TEST_F(KornSimple, PrintingAndFirstApproximationCodes) {
-  call(10305, 1e-6, 4, /*iout=*/10, /*ifirst=*/10);
-  EXPECT_EQ(kornlt::simple().iout.value, -1);
-  EXPECT_EQ(kornlt::simple().idump.value, -1);
-  EXPECT_EQ(kornlt::simple().ifirst.value, 0);
-  kornlt::simple() = kornlt::SimpleControls{};
-  call(10305, 1e-6, 4, /*iout=*/13, /*ifirst=*/13);
-  EXPECT_EQ(kornlt::simple().iout.value, 2);
-  EXPECT_EQ(kornlt::simple().idump.value, 1);  // unchanged
-  EXPECT_EQ(kornlt::simple().ifirst.value, 3);
-}
-
-TEST_F(KornSimple, ValuesSetByNameAreNotTranslated) {
-  const int ncyc = 10044;
-  korn_simple_set_integer("ncyc", &ncyc, 4);
-  const double eps = 1e-3;
-  korn_simple_set_real("eps   ", &eps, 6);  // trailing blanks
-  call(12312, 1e-6);
-  EXPECT_EQ(kornlt::simple().ncyc.value, 10044);
-  EXPECT_EQ(kornlt::simple().eps.value, 1e-3);
-  const int control = 3;
-  korn_simple_set_integer("control", &control, 7);
-  const double hclose = 0.01;
-  korn_simple_set_real("hclose", &hclose, 6);
-  int got = 0;
-  double h = 0.0;
-  korn_simple_get_control("control", &got, 7);
-  korn_simple_get_hclose("hclose", &h, 6);
-  EXPECT_EQ(got, 3);
-  EXPECT_EQ(h, 0.01);
-  got = -5;
-  korn_simple_get_control("other", &got, 5);  // no match: untouched
-  EXPECT_EQ(got, -5);
-  call(10305);
-  EXPECT_EQ(kornlt::prm().cntrl_method, 0);  // control 3 selects method 0
-}
-
-TEST_F(KornSimple, CoarseningVariantTable) {
-  struct Case {
-    int iswit, variant;
-  };
-  const Case cases[] = {{5100000, 5},  {5110000, 1},   {5111000, 12}, {5112000, 11}, {5113000, 111},
-                        {5117000, 11}, {5120000, 4},   {5126000, 42}, {5133000, 211}, {5148000, 511},
-                        {5199000, 4},  {5149000, 5},   {5014000, 5}};
-  for (const Case& k : cases) EXPECT_EQ(kornlt::coarsening_variant(k.iswit), k.variant) << k.iswit;
-}
-
 using KornSimpleDeathTest = KornSimple;
 
 TEST_F(KornSimpleDeathTest, ForbiddenCodesEndTheProcess) {
-  auto to_stderr = [] {
-    kornlt::prm().mode_mess = 0;
-    kornlt::prm().logio = 0;
-    kornlt::diag().msg_unit = 0;
+  struct Case {
+    int ncyc, iswtch;
+    const char* text;
   };
-  for (int iswtch : {1, 2, 3})
-    EXPECT_EXIT((to_stderr(), call(10305, 1e-6, iswtch)), testing::ExitedWithCode(EXIT_FAILURE),
-                "ISWTCH value not allowed!(.|\n)*Emergency STOP")
-        << iswtch;
-  EXPECT_EXIT((to_stderr(), call(10305, 1e-6, 7)), testing::ExitedWithCode(EXIT_FAILURE),
-              "ISWTCH value <>4 not allowed!");
-  EXPECT_EXIT((to_stderr(), call(20305)), testing::ExitedWithCode(EXIT_FAILURE), "V\\*-cycle not installed!");
-  EXPECT_EXIT((to_stderr(), call(10505)), testing::ExitedWithCode(EXIT_FAILURE),
-              "Termination criterion not installed!");
-  const int v = 1;
-  EXPECT_EXIT((to_stderr(), korn_simple_set_integer("levelx", &v, 6)), testing::ExitedWithCode(EXIT_FAILURE),
-              "Unknown or not settable parameter levelx");
+  const char* const forbidden = "ISWTCH value not allowed!(.|\n)*Emergency STOP";
+  for (const Case& c : {Case{10305, 1, forbidden}, {10305, 2, forbidden}, {10305, 3, forbidden},
+                        {10305, 7, "ISWTCH value <>4 not allowed!"}, {20305, 4, "V\\*-cycle not installed!"},
+                        {10505, 4, "Termination criterion not installed!"},
+                        {0, 4, "Unknown or not settable parameter levelx"}})
+    EXPECT_EXIT(
+        {
+          kornlt::prm().mode_mess = 0;
+          kornlt::prm().logio = kornlt::diag().msg_unit = 0;
+          const int one = 1;
+          if (c.ncyc == 0) korn_simple_set_integer("levelx", &one, 6);
+          call(c.ncyc, 1e-6, c.iswtch);
+        },
+        testing::ExitedWithCode(EXIT_FAILURE), c.text)
+        << c.ncyc << " " << c.iswtch;
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
-// idec against an independent digit split, and the documented examples.
+// idec against hand splits and an independent split of the decimal string,
+// and its stops.
 #include <gtest/gtest.h>
 
+#include <limits>
 #include <random>
 #include <string>
 #include <vector>
@@ -9,20 +11,13 @@
 
 namespace {
 
-// Reference: decimal string of |v| (with surplus low digits dropped), split.
+// Reference: decimal string of |v| (surplus low digits past nine dropped),
+// one digit per field, the last field taking the rest.
 std::vector<int> reference_split(long long v, int nnum, int& ndigit) {
-  if (v < 0) v = -v;
-  std::string s = std::to_string(v);
-  if (s.size() > 9) s.resize(9);
+  std::string s = std::to_string(v < 0 ? -v : v).substr(0, 9);
   ndigit = static_cast<int>(s.size());
   std::vector<int> out(nnum, 0);
-  for (int i = 0; i < nnum && i < ndigit; ++i) {
-    if (i == nnum - 1) {
-      out[i] = std::stoi(s.substr(i));
-    } else {
-      out[i] = s[i] - '0';
-    }
-  }
+  for (int i = 0; i < nnum && i < ndigit; ++i) out[i] = i == nnum - 1 ? std::stoi(s.substr(i)) : s[i] - '0';
   return out;
 }
 
@@ -32,46 +27,36 @@ std::vector<int> run_idec(int v, int nnum, int& ndigit) {
   return d;
 }
 
-TEST(Idec, DocumentedExamples) {
-  int nd = 0;
-  EXPECT_EQ(run_idec(10305, 4, nd), (std::vector<int>{1, 0, 3, 5}));
-  EXPECT_EQ(nd, 5);
-  EXPECT_EQ(run_idec(32, 4, nd), (std::vector<int>{3, 2, 0, 0}));
-  EXPECT_EQ(nd, 2);
-  EXPECT_EQ(run_idec(-321, 2, nd), (std::vector<int>{3, 21}));
-  EXPECT_EQ(nd, 3);
-  EXPECT_EQ(run_idec(0, 3, nd), (std::vector<int>{0, 0, 0}));
-  EXPECT_EQ(nd, 1);
-  // 1234567890 drops its final digit first.
-  EXPECT_EQ(run_idec(1234567890, 9, nd), (std::vector<int>{1, 2, 3, 4, 5, 6, 7, 8, 9}));
-  EXPECT_EQ(nd, 9);
-  EXPECT_EQ(run_idec(11030, 4, nd), (std::vector<int>{1, 1, 0, 30}));
-  EXPECT_EQ(run_idec(110, 4, nd), (std::vector<int>{1, 1, 0, 0}));
-}
-
-TEST(Idec, RandomValuesAgreeWithReference) {
+TEST(Idec, SplitsLikeTheDecimalString) {
+  struct Case {
+    int v, nnum;
+    std::vector<int> want;
+    int ndigit;
+  };
+  const Case cases[] = {{10305, 4, {1, 0, 3, 5}, 5}, {32, 4, {3, 2, 0, 0}, 2}, {-321, 2, {3, 21}, 3},
+                        {0, 3, {0, 0, 0}, 1},        {11030, 4, {1, 1, 0, 30}, 5},
+                        {1234567890, 9, {1, 2, 3, 4, 5, 6, 7, 8, 9}, 9}};  // the final digit is dropped
+  for (const Case& c : cases) {
+    int nd = 0;
+    EXPECT_EQ(run_idec(c.v, c.nnum, nd), c.want) << c.v;
+    EXPECT_EQ(nd, c.ndigit) << c.v;
+  }
   std::mt19937 gen(12345);
-  std::uniform_int_distribution<int> value(std::numeric_limits<int>::min() + 1,
-                                           std::numeric_limits<int>::max());
+  std::uniform_int_distribution<int> value(std::numeric_limits<int>::min() + 1, std::numeric_limits<int>::max());
   std::uniform_int_distribution<int> small(-99999, 99999);
   for (int trial = 0; trial < 20000; ++trial) {
-    const int v = trial % 2 ? value(gen) : small(gen);
-    const int nnum = 1 + trial % 9;
+    const int v = trial % 2 ? value(gen) : small(gen), nnum = 1 + trial % 9;
     int nd = 0, nd_ref = 0;
-    const auto got = run_idec(v, nnum, nd);
-    const auto want = reference_split(v, nnum, nd_ref);
-    ASSERT_EQ(got, want) << "v=" << v << " nnum=" << nnum;
+    ASSERT_EQ(run_idec(v, nnum, nd), reference_split(v, nnum, nd_ref)) << "v=" << v << " nnum=" << nnum;
     ASSERT_EQ(nd, nd_ref) << "v=" << v;
   }
 }
 
+// Ten fields, none, or the one value without a magnitude stop the process.
 TEST(IdecDeathTest, IllegalUseStopsTheProcess) {
-  std::vector<int> d(10);
-  EXPECT_EXIT(kornlt::idec(5, d), testing::ExitedWithCode(EXIT_FAILURE),
-              ">>> Emergency STOP! <<<");
-  std::vector<int> none;
+  std::vector<int> ten(10), none, two(2);
+  EXPECT_EXIT(kornlt::idec(5, ten), testing::ExitedWithCode(EXIT_FAILURE), ">>> Emergency STOP! <<<");
   EXPECT_EXIT(kornlt::idec(5, none), testing::ExitedWithCode(EXIT_FAILURE), "Emergency STOP");
-  std::vector<int> two(2);
   EXPECT_EXIT(kornlt::idec(std::numeric_limits<int>::min(), two), testing::ExitedWithCode(EXIT_FAILURE),
               "Emergency STOP");
 }
