@@ -60,7 +60,7 @@ class CheckedAlloc : public testing::Test {
   }
 
   // One row per family, element type and shape. alloc(s) makes the array of
-  // size parameter s; elems(s) is its element count from the documented bounds.
+  // size parameter s; elems(s) is its element count worked out from the bounds given.
   struct Form {
     std::string routine, release_routine;
     bool handle, integer;
@@ -164,8 +164,9 @@ TEST_F(CheckedAlloc, FailuresAndStrictFlagsOfEachFamily) {
   }
 }
 
-// The 2d/3d forms zero what they allocate in static row blocks, in threads or
-// not; freed memory of the same size is filled first so that a skipped block shows.
+// The multi-dimensional forms zero what they allocate in static row blocks, in
+// threads or not; freed memory of the same size is filled first so that a
+// skipped block shows.
 TEST_F(CheckedAlloc, MultiDimensionalFormsAreZeroedSerialAndThreaded) {
   kornlt::prm().nmin_vector = 1;
   for (int nt : {1, 2}) {

@@ -34,7 +34,8 @@ TEST_F(Store, CountersReturnToTheirMarksAfterRelease) {
   kornlt::a_alloc(nna, nda);
   kornlt::w_alloc(ndw);
   ASSERT_EQ(kornlt::ierr(), 0);
-  // Independent sum of the documented amounts.
+  // Independent sum of what each array takes: icg 1..ndu, iw 1..ndu+1, ia and
+  // u,f behind level 1, iu and ip one each, a,ja behind the level-1 entries, w,jw.
   const std::int64_t ints = ndu + (ndu + 1) + (ndu - nnu + 1) + 2 + (nda - nna) + ndw;
   const std::int64_t reals = 2 * (ndu - nnu) + (nda - nna) + ndw;
   EXPECT_EQ(store().memi, ints);
