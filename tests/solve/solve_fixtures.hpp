@@ -83,24 +83,6 @@ inline Csr convection_diffusion(int nx, double bx, double by) {
   return grid_matrix(nx, nx, 4.0 + h * (bx + by), -1.0 - h * bx, -1.0, -1.0 - h * by, -1.0);
 }
 inline Csr neumann(int nx) { return grid_matrix(nx, nx, 0.0, -1, -1, -1, -1, true); }
-inline Csr poisson3d(int m) {
-  Csr A;
-  auto id = [m](int x, int y, int z) { return (z * m + y) * m + x + 1; };
-  for (int z = 0; z < m; ++z)
-    for (int y = 0; y < m; ++y)
-      for (int x = 0; x < m; ++x) {
-        std::vector<std::pair<int, double>> off;
-        if (x > 0) off.push_back({id(x - 1, y, z), -1.0});
-        if (x < m - 1) off.push_back({id(x + 1, y, z), -1.0});
-        if (y > 0) off.push_back({id(x, y - 1, z), -1.0});
-        if (y < m - 1) off.push_back({id(x, y + 1, z), -1.0});
-        if (z > 0) off.push_back({id(x, y, z - 1), -1.0});
-        if (z < m - 1) off.push_back({id(x, y, z + 1), -1.0});
-        A.add_row(6.0, off);
-      }
-  return A;
-}
-
 // A right-hand side with smooth and oscillating parts; `compatible` removes
 // its mean (orthogonal to the constants).
 inline Vec test_rhs(int n, bool compatible = false) {

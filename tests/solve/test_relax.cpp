@@ -1,6 +1,6 @@
 // Relaxation: Gauss-Seidel, SOR, Jacobi and the relx_f variants against slow
 // reference sweeps written from the definitions, the hybrid threaded sweep,
-// the smoother's sweep lists and overrides, and the error paths.
+// the smoother's sweep lists, and the error paths.
 #include <gtest/gtest.h>
 #include <omp.h>
 
@@ -327,29 +327,6 @@ TEST_F(Relax, RefusedSettingsAndSteps) {
     }
     EXPECT_EQ(cap.text(), c.out);
     EXPECT_EQ(kornlt::ierr(), c.code);
-    EXPECT_EQ(M.u, want);
-  }
-}
-
-// A coarse level (first point 1) takes nxtyp_coarse 0 or 5 as Gauss-Seidel.
-TEST_F(Relax, CoarseLevelOverride) {
-  struct Case {
-    int nxtyp, nxtyp_coarse, off, first_point, code;
-  };
-  const Case cases[] = {{8, 0, 29, 1, 0}, {8, 5, 29, 1, 0}, {8, 5, 29, 7, 20}, {8, 0, 0, 1, 20}, {8, 3, 29, 1, 20}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE("coarse " + std::to_string(c.nxtyp_coarse) + " off " + std::to_string(c.off) + " first_point " +
-                 std::to_string(c.first_point));
-    kornlt::ierr() = 0;
-    Level M = grid_level(5, 4, c.off, 40, Coef::Varied, 6);
-    const Vec want = c.code == 0 ? Ref{M}.sweep(Pts::All, true) : M.u;
-    SmootherSettings s;
-    s.nxtyp = c.nxtyp;
-    s.nxtyp_coarse = c.nxtyp_coarse;
-    MessageCapture cap;
-    kornlt::smoother(M.view(), c.first_point, s, split_smoothing_code(12), true);
-    EXPECT_EQ(kornlt::ierr(), c.code);
-    EXPECT_EQ(cap.text().empty(), c.code == 0);
     EXPECT_EQ(M.u, want);
   }
 }
