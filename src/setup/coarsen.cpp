@@ -17,6 +17,7 @@
 #include "log/log.hpp"
 #include "params/params.hpp"
 #include "setup/setup.hpp"
+#include "setup/transpose.hpp"
 
 namespace kornlt {
 namespace {
@@ -133,64 +134,34 @@ void parallel_blocks(int lo, int hi, int nt, Body&& body) {
 }
 
 // ---------------------------------------------------------------------------
-// Transposed strong graph, serial: count, cumulate, fill. cursor (an origin
-// pointer over lo..hi, icg in pcol) serves as the fill cursor.
+// Transposed strong graph over nt row blocks (one for a serial run); the lists
+// come out in rising i, whatever the thread count.
 // ---------------------------------------------------------------------------
-bool transpose_serial(const Graph& g, int* cursor, TGraph& t, int& nalloc) {
-  const int n = g.n(), lo = g.lo;
-  if (!alloc(t.ptrv, static_cast<std::size_t>(n) + 1, 0, nalloc)) return false;
-  int* cnt = t.ptrv.data() - lo;  // cnt[j+1] counts S^T_j
-  for (int i = g.lo; i <= g.hi; ++i)
-    for (int p = g.sbeg(i), e = g.send(i); p < e; ++p) ++cnt[g.ja[p] + 1];
-  for (int j = lo; j <= g.hi; ++j) cnt[j + 1] += cnt[j];
-  if (!alloc(t.colv, static_cast<std::size_t>(cnt[g.hi + 1]), 0, nalloc)) return false;
-  t.maxlam = 0;
-  for (int j = lo; j <= g.hi; ++j) {
-    cursor[j] = cnt[j];
-    t.maxlam = std::max(t.maxlam, cnt[j + 1] - cnt[j]);
-  }
-  for (int i = g.lo; i <= g.hi; ++i)
-    for (int p = g.sbeg(i), e = g.send(i); p < e; ++p) t.colv[static_cast<std::size_t>(cursor[g.ja[p]]++)] = i;
-  t.ptr = t.ptrv.data() - lo;
-  t.col = t.colv.data();
-  return true;
-}
+struct StrongRows {
+  const Graph& g;
+  int begin(int i) const { return g.sbeg(i); }
+  int end(int i) const { return g.send(i); }
+  int col(int p) const { return g.ja[p]; }
+};
 
-// The same over nt row blocks: atomic counts and fill, then each list sorted,
-// so the lists are those of the serial build whatever the timing.
-bool transpose_parallel(const Graph& g, int* cursor, TGraph& t, int nt, int& nalloc) {
+bool transpose(const Graph& g, TGraph& t, int nt, int& nalloc) {
   const int n = g.n(), lo = g.lo;
   if (!alloc(t.ptrv, static_cast<std::size_t>(n) + 1, 0, nalloc)) return false;
-  int* cnt = t.ptrv.data() - lo;
-  parallel_blocks(g.lo, g.hi, nt, [&](int blo, int bhi, int) {
-    for (int i = blo; i <= bhi; ++i)
-      for (int p = g.sbeg(i), e = g.send(i); p < e; ++p)
-        std::atomic_ref<int>(cnt[g.ja[p] + 1]).fetch_add(1, std::memory_order_relaxed);
-  });
-  for (int j = lo; j <= g.hi; ++j) cnt[j + 1] += cnt[j];
-  if (!alloc(t.colv, static_cast<std::size_t>(cnt[g.hi + 1]), 0, nalloc)) return false;
+  int* ptr = t.ptrv.data() - lo;
+  const StrongRows rows{g};
+  BlockTranspose bt;
+  if (!bt.count(rows, g.lo, g.hi, g.lo, g.hi, nt, ptr, 0)) return false;
+  if (!alloc(t.colv, static_cast<std::size_t>(ptr[g.hi + 1]), 0, nalloc)) return false;
   int* col = t.colv.data();
+  bt.fill(rows, [&](int at, int i, int) { col[at] = i; });
   std::vector<int> maxb(static_cast<std::size_t>(nt), 0);
-  parallel_blocks(g.lo, g.hi, nt, [&](int blo, int bhi, int) {
-    for (int j = blo; j <= bhi; ++j) cursor[j] = cnt[j];
-  });
-  parallel_blocks(g.lo, g.hi, nt, [&](int blo, int bhi, int) {
-    for (int i = blo; i <= bhi; ++i)
-      for (int p = g.sbeg(i), e = g.send(i); p < e; ++p) {
-        const int pos = std::atomic_ref<int>(cursor[g.ja[p]]).fetch_add(1, std::memory_order_relaxed);
-        col[pos] = i;
-      }
-  });
   parallel_blocks(g.lo, g.hi, nt, [&](int blo, int bhi, int b) {
     int m = 0;
-    for (int j = blo; j <= bhi; ++j) {
-      std::sort(col + cnt[j], col + cnt[j + 1]);
-      m = std::max(m, cnt[j + 1] - cnt[j]);
-    }
+    for (int j = blo; j <= bhi; ++j) m = std::max(m, ptr[j + 1] - ptr[j]);
     maxb[static_cast<std::size_t>(b)] = m;
   });
   t.maxlam = *std::max_element(maxb.begin(), maxb.end());
-  t.ptr = cnt;
+  t.ptr = ptr;
   t.col = col;
   return true;
 }
@@ -657,11 +628,10 @@ SelectionCounts pcol_frame(const LevelView& L, const PcolSettings& s, int nt, En
     }
   }
 
-  // Step 2: transposed strong graph (icg is the fill cursor).
+  // Step 2: transposed strong graph.
   int nalloc = 0;
   TGraph t;
-  const bool ok_t = nt > 1 ? transpose_parallel(g, icg, t, nt, nalloc) : transpose_serial(g, icg, t, nalloc);
-  if (!ok_t) {
+  if (!transpose(g, t, nt, nalloc)) {
     fail(kErrAllocation, "Allocation #" + fmt_int(nalloc) + " failed in (pcol)");
     restore_diagonals(L);
     return c;
@@ -921,9 +891,7 @@ SelectionCounts rcol(const ReducedGraph& rg, std::vector<int>& icgg, int nxf_cle
   // The transposed graph is the same list for list whichever way it is
   // built, so it takes the threads even when the selection runs serially.
   TGraph t;
-  const int ntt = usable_threads(nc);
-  const bool ok_t = ntt > 1 ? transpose_parallel(g, icg, t, ntt, nalloc) : transpose_serial(g, icg, t, nalloc);
-  if (!ok_t) {
+  if (!transpose(g, t, usable_threads(nc), nalloc)) {
     fail(kErrAllocation, "Allocation #" + fmt_int(nalloc) + " failed in (rcol)");
     return c;
   }

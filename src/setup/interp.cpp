@@ -4,7 +4,6 @@
 #include <omp.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cassert>
 #include <cstdio>
 #include <cstring>
@@ -19,6 +18,7 @@
 #include "params/params.hpp"
 #include "setup/interp_rows.hpp"
 #include "setup/setup.hpp"
+#include "setup/transpose.hpp"
 
 namespace kornlt {
 
@@ -710,96 +710,34 @@ void build_transpose(Transpose& t, int ilo, int ihi, int iclo, int ichi, const V
   const int nc = std::max(ichi - iclo + 1, 0);
   int nthr = thread_count();
   if (!use_threads(ilo, ihi, prm().nmin_matrix, nthr)) nthr = 1;
-  const int* iwo = iw.origin();
-  const int* jwo = jw.origin();
+  struct Rows {
+    const int* iw;
+    const int* jw;
+    int begin(int i) const { return iw[i]; }
+    int end(int i) const { return iw[i + 1]; }
+    int col(int p) const { return jw[p]; }
+  } rows{iw.origin(), jw.origin()};
   const double* wo = w.origin();
-  const int nnz = ihi >= ilo ? iwo[ihi + 1] - iwo[ilo] : 0;
-  // cnt[t][c]: entries of column c in thread t's block; later its fill cursor.
-  std::vector<std::vector<int>> cnt;
+  BlockTranspose bt;
   try {
     if (allocation_refused()) throw std::bad_alloc();
     t.iclo = iclo;
     t.ichi = ichi;
     t.iwt.assign(static_cast<std::size_t>(nc) + 1, 0);
-    t.jwt.resize(static_cast<std::size_t>(nnz));
-    t.wt.resize(static_cast<std::size_t>(nnz));
-    cnt.resize(static_cast<std::size_t>(nthr));
+    if (!bt.count(rows, ilo, ihi, iclo, ichi, nthr, t.iwt.data() - iclo, 1)) throw std::bad_alloc();
+    const std::size_t nnz = static_cast<std::size_t>(t.iwt[static_cast<std::size_t>(nc)] - 1);
+    t.jwt.resize(nnz);
+    t.wt.resize(nnz);
   } catch (const std::bad_alloc&) {
     fail(kErrAllocation, "Allocation failed for <wt,jwt> in (wt_setup)");
     return;
   }
-  std::vector<RowBlock> blk(static_cast<std::size_t>(nthr), RowBlock{1, 0});
-  std::vector<long long> part(static_cast<std::size_t>(nthr) + 1, 0);
-  std::atomic<bool> refused{false};
-  int nused = 1;
-  int* iwt = t.iwt.data();
-#pragma omp parallel num_threads(nthr) if (nthr > 1)
-  {
-    const int th = omp_get_thread_num();
-    const int nt = omp_get_num_threads();
-    if (th == 0) nused = nt;
-    const RowBlock b = static_block(ilo, ihi, th, nt);
-    blk[static_cast<std::size_t>(th)] = b;
-    std::vector<int>& mine = cnt[static_cast<std::size_t>(th)];
-    try {
-      mine.assign(static_cast<std::size_t>(nc), 0);
-    } catch (const std::bad_alloc&) {
-      refused = true;
-    }
-    if (!refused) {
-      int* c = origin_at(mine, iclo);
-      for (int i = b.lo; i <= b.hi; ++i)
-        for (int p = iwo[i]; p < iwo[i + 1]; ++p) ++c[jwo[p]];
-    }
-#pragma omp barrier
-    // Row pointers: column c gathers thread 0's entries, then thread 1's,
-    // ..., so its fine rows come in rising order. Columns are shared out in
-    // static blocks: per-column sums, a scan of the block totals, then the
-    // pointers and each thread's fill cursors.
-    const RowBlock cb = static_block(0, nc - 1, th, nt);
-    long long total = 0;
-    if (!refused)
-      for (int c = cb.lo; c <= cb.hi; ++c) {
-        int sum = 0;
-        for (int q = 0; q < nt; ++q) sum += cnt[static_cast<std::size_t>(q)][static_cast<std::size_t>(c)];
-        iwt[c + 1] = sum;
-        total += sum;
-      }
-    part[static_cast<std::size_t>(th) + 1] = total;
-#pragma omp barrier
-#pragma omp single
-    for (int q = 0; q < nt; ++q) part[static_cast<std::size_t>(q) + 1] += part[static_cast<std::size_t>(q)];
-    if (!refused) {
-      long long cur = 1 + part[static_cast<std::size_t>(th)];
-      for (int c = cb.lo; c <= cb.hi; ++c) {
-        iwt[c] = static_cast<int>(cur);
-        for (int q = 0; q < nt; ++q) {
-          int& x = cnt[static_cast<std::size_t>(q)][static_cast<std::size_t>(c)];
-          const int m = x;
-          x = static_cast<int>(cur);
-          cur += m;
-        }
-      }
-    }
-  }
-  if (refused) {
-    fail(kErrAllocation, "Allocation failed for <wt,jwt> in (wt_setup)");
-    return;
-  }
-  iwt[nc] = 1 + static_cast<int>(part[static_cast<std::size_t>(nused)]);
   int* jwt = origin_at(t.jwt, 1);
   double* wt = origin_at(t.wt, 1);
-#pragma omp parallel for schedule(static) num_threads(nused) if (nused > 1)
-  for (int th = 0; th < nused; ++th) {
-    const RowBlock b = blk[static_cast<std::size_t>(th)];
-    int* c = origin_at(cnt[static_cast<std::size_t>(th)], iclo);
-    for (int i = b.lo; i <= b.hi; ++i)
-      for (int p = iwo[i]; p < iwo[i + 1]; ++p) {
-        const int at = c[jwo[p]]++;
-        jwt[at] = i;
-        wt[at] = wo[p];
-      }
-  }
+  bt.fill(rows, [&](int at, int i, int p) {
+    jwt[at] = i;
+    wt[at] = wo[p];
+  });
 }
 
 void build_transpose_level(Transpose& t, int k) {
