@@ -2,14 +2,19 @@
 // temporary array, or to the scratch file when memory is too short for both
 // copies), the array is allocated anew with the larger bound, and the content
 // comes back.
+#include <omp.h>
+
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <limits>
 #include <new>
 #include <string>
 
 #include "control/control.hpp"
+#include "control/threads.hpp"
 #include "log/log.hpp"
 #include "params/params.hpp"
 #include "store/store.hpp"
@@ -22,13 +27,15 @@ constexpr double kMBytesPerReal = 7.62939453125e-06;  // 8 bytes over 1048576
 
 // The spill of one stretch: in memory (iextent 1, 2) or on the scratch file
 // (iextent 3, and 4 for the second attempt after the memory copy failed).
-template <class T>
+template <class V>
 class Spill {
+  using T = typename V::value_type;
+
  public:
   explicit Spill(std::string_view routine) : routine_(routine) {}
 
   // Moves v[0..keep) aside. False with ierr set on failure.
-  bool save(const std::vector<T>& v, std::size_t keep, int& iextent) {
+  bool save(const V& v, std::size_t keep, int& iextent) {
     keep_ = keep;
     if (iextent == 1 || iextent == 2) {
       try {
@@ -50,7 +57,7 @@ class Spill {
   }
 
   // Brings the stretch back into v (already allocated with the new size).
-  bool back(std::vector<T>& v, int iextent) {
+  bool back(V& v, int iextent) {
     if (iextent == 1 || iextent == 2) {
       std::copy(temp_.begin(), temp_.end(), v.begin());
       return drop_temp();
@@ -63,7 +70,7 @@ class Spill {
   // goes to the file so that its memory is free for the new array.
   bool spill_to_file(int& iextent) {
     iextent = 4;
-    std::vector<T> none;
+    V none;
     return save(none, keep_, iextent);
   }
 
@@ -123,8 +130,8 @@ class Spill {
 };
 
 // Allocates v with n elements; false when memory is refused.
-template <class T>
-bool try_allocate(std::vector<T>& v, std::size_t n) {
+template <class V>
+bool try_allocate(V& v, std::size_t n) {
   try {
     v.resize(n);
   } catch (const std::bad_alloc&) {
@@ -142,18 +149,50 @@ void print_attempt(std::size_t elements, bool integers) {
   print_line(0, 0, line);
 }
 
+// Copies n elements in static blocks over the threads.
+template <class T>
+void threaded_copy(const T* from, std::size_t n, T* to) {
+  constexpr std::size_t kPerThread = 1 << 16;
+  const int nt = static_cast<int>(std::min<std::size_t>(static_cast<std::size_t>(thread_count()), n / kPerThread + 1));
+#pragma omp parallel num_threads(nt) if (nt > 1)
+  {
+    const int t = omp_get_thread_num(), m = omp_get_num_threads();
+    const std::size_t lo = n * static_cast<std::size_t>(t) / static_cast<std::size_t>(m);
+    const std::size_t hi = n * static_cast<std::size_t>(t + 1) / static_cast<std::size_t>(m);
+    if (hi > lo) std::memcpy(to + lo, from + lo, (hi - lo) * sizeof(T));
+  }
+}
+
 // The save-and-reallocate loop for one array: keeps v[0..keep) and gives v
 // `count` elements. `tag` names the place in the failure message.
-template <class T>
-bool regrow(std::vector<T>& v, std::size_t count, std::size_t keep, int& iextent, std::string_view routine,
+template <class V>
+bool regrow(V& v, std::size_t count, std::size_t keep, int& iextent, std::string_view routine,
             std::string_view tag, bool& disk) {
-  Spill<T> spill(routine);
+  using T = typename V::value_type;
+  Spill<V> spill(routine);
+  // In memory, and when both fit at once: the new array first, the content
+  // copied over in threads, then the old one released. The peak is that of
+  // the spill (the content twice while the new array is being made), and the
+  // content is counted as the spill's temporary copy.
+  if (keep > 0 && (iextent == 1 || iextent == 2)) {
+    V grown;
+    if (try_allocate(grown, count)) {
+      StoreState& st = store();
+      const auto n = static_cast<std::int64_t>(keep);
+      (std::is_same_v<T, double> ? st.memd : st.memi) += n;
+      st.maxeff = std::max(st.maxeff, st.watermark());
+      threaded_copy(v.data(), keep, grown.data());
+      v.swap(grown);
+      (std::is_same_v<T, double> ? st.memd : st.memi) -= n;
+      return true;
+    }
+  }
   if (keep == 0) {
-    std::vector<T>().swap(v);
+    V().swap(v);
     if (try_allocate(v, count)) return true;
   } else {
     if (!spill.save(v, keep, iextent)) return false;
-    std::vector<T>().swap(v);
+    V().swap(v);
     bool ok = try_allocate(v, count);
     if (!ok && iextent == 1) {
       if (!spill.spill_to_file(iextent)) return false;

@@ -73,20 +73,20 @@ Families& families() {
 int allocation_countdown = 0;
 
 // Resizes v to n elements (n < 0 counts as 0); false when memory is refused.
-template <class T>
-bool allocate(std::vector<T>& v, std::int64_t n) {
+template <class V>
+bool allocate(V& v, std::int64_t n) {
   if (allocation_countdown > 0 && --allocation_countdown == 0) return false;
   try {
-    v.assign(static_cast<std::size_t>(std::max<std::int64_t>(n, 0)), T{});
+    v.assign(static_cast<std::size_t>(std::max<std::int64_t>(n, 0)), typename V::value_type{});
   } catch (const std::bad_alloc&) {
     return false;
   }
   return true;
 }
 
-template <class T>
-void release(std::vector<T>& v) {
-  std::vector<T>().swap(v);
+template <class V>
+void release(V& v) {
+  V().swap(v);
 }
 
 void count(std::int64_t ints, std::int64_t reals) {

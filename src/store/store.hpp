@@ -5,9 +5,37 @@
 #include <array>
 #include <cassert>
 #include <cstdint>
+#include <memory>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 namespace kornlt {
+
+// Allocator whose resize leaves trivial elements unset. The stacked matrix
+// arrays are written before they are read; leaving them unset lets a growth
+// copy its content in threads, which also spreads the first touch of the new
+// pages over the threads instead of zeroing them all on one.
+template <class T>
+struct UnsetAllocator : std::allocator<T> {
+  template <class U>
+  struct rebind {
+    using other = UnsetAllocator<U>;
+  };
+  UnsetAllocator() = default;
+  template <class U>
+  UnsetAllocator(const UnsetAllocator<U>&) noexcept {}
+  template <class U>
+  void construct(U* p) noexcept(std::is_nothrow_default_constructible_v<U>) {
+    ::new (static_cast<void*>(p)) U;
+  }
+  template <class U, class... Args>
+  void construct(U* p, Args&&... args) {
+    ::new (static_cast<void*>(p)) U(std::forward<Args>(args)...);
+  }
+};
+template <class T>
+using UnsetVector = std::vector<T, UnsetAllocator<T>>;
 
 // A view of a 1-based array over the global index range lo..hi:
 // v(i) reads data[i - lo]. Debug builds check the bounds.
@@ -109,8 +137,10 @@ struct StoreState {
   // The library's stacked continuation, addressed by global index through
   // level_view(): ia over nnu+1..ndu+1, ja and a over nna+1..nda, u and f
   // over nnu+1..ndu. icg over 1..ndu, iw over 1..ndu+1, jw and w over 1..ndw.
-  std::vector<int> ia, ja;
-  std::vector<double> a, u, f;
+  std::vector<int> ia;
+  UnsetVector<int> ja;
+  UnsetVector<double> a;
+  std::vector<double> u, f;
   std::vector<int> icg, iw, jw;
   std::vector<double> w;
 
