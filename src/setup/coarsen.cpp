@@ -170,32 +170,37 @@ bool transpose(const Graph& g, TGraph& t, int nt, int& nalloc) {
 // Bucket selection (steps 7 and 8 of the serial routine)
 // ===========================================================================
 // Buckets: one circular doubly linked list per measure v, head at index
-// head0 + v of fw/bw (origin pointers, variables and heads share the index
-// range). Pending list: mark(k) = 0 not pending, else the variable pushed
-// before k, -1 for the first one.
+// head0 + v of nd (an origin pointer; variables and heads share the index
+// range). Pending list: nd[k].mark = 0 not pending, else the variable pushed
+// before k, -1 for the first one. A variable's links and mark share one node,
+// so that moving it between buckets touches one cache line.
 //
 // kBlock false: the whole graph, every undecided variable takes part.
 // kBlock true: the rows blo..bhi of one thread block; only variables with
 // inner(i) (S_i and S^T_i inside the block) are selected, and only rows of the
 // block are read or written, so blocks run concurrently without sharing.
+struct ListNode {
+  int fw = 0, bw = 0, mark = 0;
+};
+
 template <bool kBlock>
-void bucket_select(const Graph& g, const TGraph& t, int* icg, int* lam, int* fw, int* bw, int* mark,
-                   const char* inner, int blo, int bhi, int head0, int nbuck, int& nc, int& nf) {
+void bucket_select(const Graph& g, const TGraph& t, int* icg, int* lam, ListNode* nd, const char* inner, int blo,
+                   int bhi, int head0, int nbuck, int& nc, int& nf) {
   auto in_block = [&](int k) { return !kBlock || (k >= blo && k <= bhi); };
   auto listed = [&](int k) { return !kBlock || inner[k] != 0; };
   auto unlink = [&](int x) {
-    const int a = bw[x], b = fw[x];
-    fw[a] = b;
-    bw[b] = a;
+    const int a = nd[x].bw, b = nd[x].fw;
+    nd[a].fw = b;
+    nd[b].bw = a;
   };
   auto link_head = [&](int x, int v) {
-    const int h = head0 + v, first = fw[h];
-    fw[x] = first;
-    bw[x] = h;
-    bw[first] = x;
-    fw[h] = x;
+    const int h = head0 + v, first = nd[h].fw;
+    nd[x].fw = first;
+    nd[x].bw = h;
+    nd[first].bw = x;
+    nd[h].fw = x;
   };
-  for (int v = 0; v < nbuck; ++v) fw[head0 + v] = bw[head0 + v] = head0 + v;
+  for (int v = 0; v < nbuck; ++v) nd[head0 + v].fw = nd[head0 + v].bw = head0 + v;
 
   // Step 7: undecided variables into the bucket of their measure, in rising
   // order, each at the head.
@@ -209,18 +214,18 @@ void bucket_select(const Graph& g, const TGraph& t, int* icg, int* lam, int* fw,
   // Step 8: measure 0 is never selected.
   int pend = -1;  // last pushed pending variable
   auto push = [&](int k) {
-    if (mark[k] == 0) {
-      mark[k] = pend;
+    if (nd[k].mark == 0) {
+      nd[k].mark = pend;
       pend = k;
     }
   };
   while (top > 0) {
     const int h = head0 + top;
-    if (fw[h] == h) {  // 8.1
+    if (nd[h].fw == h) {  // 8.1
       --top;
       continue;
     }
-    const int i = fw[h];  // 8.2
+    const int i = nd[h].fw;  // 8.2
     ++nc;
     icg[i] = kIcgC;
     unlink(i);
@@ -247,8 +252,8 @@ void bucket_select(const Graph& g, const TGraph& t, int* icg, int* lam, int* fw,
     }
     while (pend != -1) {  // 8.5: from the last pushed to the first
       const int k = pend;
-      pend = mark[k];
-      mark[k] = 0;
+      pend = nd[k].mark;
+      nd[k].mark = 0;
       if (icg[k] != kIcgUndecided || !listed(k)) continue;
       unlink(k);
       link_head(k, lam[k]);
@@ -326,14 +331,13 @@ bool select_serial(const Graph& g, const TGraph& t, int* icg, SelectionCounts& c
 
   // Steps 7, 8.
   const int nbuck = 2 * t.maxlam + 1;
-  std::vector<int> fwv, bwv, markv;
+  std::vector<ListNode> nodes;
   const std::size_t nlist = static_cast<std::size_t>(n) + 1 + static_cast<std::size_t>(nbuck);
-  if (!alloc(fwv, nlist, 0, nalloc) || !alloc(bwv, nlist, 0, nalloc) ||
-      !alloc(markv, static_cast<std::size_t>(n), 0, nalloc)) {
+  if (!alloc(nodes, nlist, ListNode{}, nalloc)) {
     fail(kErrAllocation, "Allocation #" + fmt_int(nalloc) + " failed in (" + who + ")");
     return false;
   }
-  bucket_select<false>(g, t, icg, lam, fwv.data() - lo, bwv.data() - lo, markv.data() - lo, nullptr, lo, g.hi,
+  bucket_select<false>(g, t, icg, lam, nodes.data() - lo, nullptr, lo, g.hi,
                        g.hi + 1, nbuck, c.nc, c.nf);
 
   // Step 9.
@@ -379,14 +383,14 @@ bool select_serial(const Graph& g, const TGraph& t, int* icg, SelectionCounts& c
 bool select_parallel(const Graph& g, const TGraph& t, int* icg, SelectionCounts& c, int nxf_clean,
                      const char* who, int nt, int& nalloc) {
   const int n = g.n(), lo = g.lo, hi = g.hi;
-  std::vector<int> lamv, fwv, bwv, markv;
+  std::vector<int> lamv;
+  std::vector<ListNode> nodes;
   std::vector<char> selv, innerv;
   const int nbuck = 2 * t.maxlam + 1;
   const std::size_t nlist = static_cast<std::size_t>(n) + 1 +
                             static_cast<std::size_t>(nt) * static_cast<std::size_t>(nbuck);
   if (!alloc(lamv, static_cast<std::size_t>(n), 0, nalloc) || !alloc(selv, static_cast<std::size_t>(n), char(0), nalloc) ||
-      !alloc(innerv, static_cast<std::size_t>(n), char(0), nalloc) || !alloc(fwv, nlist, 0, nalloc) ||
-      !alloc(bwv, nlist, 0, nalloc) || !alloc(markv, static_cast<std::size_t>(n), 0, nalloc)) {
+      !alloc(innerv, static_cast<std::size_t>(n), char(0), nalloc) || !alloc(nodes, nlist, ListNode{}, nalloc)) {
     fail(kErrAllocation, "Allocation #" + fmt_int(nalloc) + " failed in (" + who + ")");
     return false;
   }
@@ -437,12 +441,10 @@ bool select_parallel(const Graph& g, const TGraph& t, int* icg, SelectionCounts&
   if (c.nvars - c.nff - c.nc - c.nf == 0) return true;
 
   // B. Interior phase.
-  int* fw = fwv.data() - lo;
-  int* bw = bwv.data() - lo;
-  int* mark = markv.data() - lo;
+  ListNode* nd = nodes.data() - lo;
   parallel_blocks(lo, hi, nt, [&](int blo, int bhi, int b) {
     const std::size_t sb = static_cast<std::size_t>(b);
-    bucket_select<true>(g, t, icg, lam, fw, bw, mark, inner, blo, bhi, hi + 1 + b * nbuck, nbuck, bnc[sb],
+    bucket_select<true>(g, t, icg, lam, nd, inner, blo, bhi, hi + 1 + b * nbuck, nbuck, bnc[sb],
                         bnf[sb]);
   });
 
