@@ -118,23 +118,29 @@ bool BlockTranspose::count(const Rows& rows, int rlo, int rhi, int clo, int chi,
   // then a scan of the column blocks' totals, then the positions and each
   // row block's cursor within the column.
   const int ncb = std::max(1, std::min(blocks(), ncols));
-  std::vector<long long> part(static_cast<std::size_t>(ncb) + 1, 0);
-  auto covering = [&](int jlo, int jhi) {
-    std::vector<const Block*> v;
-    for (const Block& k : blk_)
-      if (k.clo <= k.chi && k.clo <= jhi && k.chi >= jlo) v.push_back(&k);
-    return v;
-  };
+  std::vector<long long> part;
+  std::vector<std::vector<const Block*>> over;  // per column block: the row blocks touching it
+  try {
+    part.assign(static_cast<std::size_t>(ncb) + 1, 0);
+    over.resize(static_cast<std::size_t>(ncb));
+    for (int cb = 0; cb < ncb; ++cb) {
+      const RowBlock r = static_block(clo, chi, cb, ncb);
+      for (const Block& k : blk_)
+        if (k.clo <= k.chi && k.clo <= r.hi && k.chi >= r.lo) over[static_cast<std::size_t>(cb)].push_back(&k);
+    }
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
   auto column_pass = [&](bool positions) {
 #pragma omp parallel num_threads(ncb) if (ncb > 1)
     for (int cb = omp_get_thread_num(); cb < ncb; cb += omp_get_num_threads()) {
       const RowBlock r = static_block(clo, chi, cb, ncb);
-      const std::vector<const Block*> over = covering(r.lo, r.hi);
+      const std::vector<const Block*>& touching = over[static_cast<std::size_t>(cb)];
       if (!positions) {
         long long sum = 0;
         for (int j = r.lo; j <= r.hi; ++j) {
           int s = 0;
-          for (const Block* k : over)
+          for (const Block* k : touching)
             if (j >= k->clo && j <= k->chi) s += k->at(cnt_.get())[j];
           ptr[j] = s;
           sum += s;
@@ -144,7 +150,7 @@ bool BlockTranspose::count(const Rows& rows, int rlo, int rhi, int clo, int chi,
         long long run = base + part[static_cast<std::size_t>(cb)];
         for (int j = r.lo; j <= r.hi; ++j) {
           ptr[j] = static_cast<int>(run);
-          for (const Block* k : over)
+          for (const Block* k : touching)
             if (j >= k->clo && j <= k->chi) {
               int& x = k->at(cnt_.get())[j];
               const int m = x;
