@@ -170,20 +170,30 @@ bool regrow(V& v, std::size_t count, std::size_t keep, int& iextent, std::string
             std::string_view tag, bool& disk) {
   using T = typename V::value_type;
   Spill<V> spill(routine);
-  // In memory, and when both fit at once: the new array first, the content
-  // copied over in threads, then the old one released. The peak is that of
-  // the spill (the content twice while the new array is being made), and the
-  // content is counted as the spill's temporary copy.
+  // In memory: a growable array is resized where it lies (large blocks are
+  // remapped, their pages moved rather than copied); any other array gets
+  // the new one first and the content copied over in threads. Either way the
+  // content is counted as the spill's temporary copy, the peak of the
+  // save-and-reallocate sequence.
   if (keep > 0 && (iextent == 1 || iextent == 2)) {
-    V grown;
-    if (try_allocate(grown, count)) {
-      StoreState& st = store();
-      const auto n = static_cast<std::int64_t>(keep);
-      (std::is_same_v<T, double> ? st.memd : st.memi) += n;
+    StoreState& st = store();
+    std::int64_t& counter = std::is_same_v<T, double> ? st.memd : st.memi;
+    const auto n = static_cast<std::int64_t>(keep);
+    bool done = false;
+    if constexpr (std::is_same_v<V, GrowArray<T>>) {
+      done = try_allocate(v, count);
+    } else {
+      V grown;
+      if (try_allocate(grown, count)) {
+        threaded_copy(v.data(), keep, grown.data());
+        v.swap(grown);
+        done = true;
+      }
+    }
+    if (done) {
+      counter += n;
       st.maxeff = std::max(st.maxeff, st.watermark());
-      threaded_copy(v.data(), keep, grown.data());
-      v.swap(grown);
-      (std::is_same_v<T, double> ? st.memd : st.memi) -= n;
+      counter -= n;
       return true;
     }
   }

@@ -4,38 +4,85 @@
 
 #include <array>
 #include <cassert>
+#include <algorithm>
 #include <cstdint>
-#include <memory>
+#include <cstdlib>
+#include <iterator>
+#include <limits>
+#include <new>
 #include <type_traits>
 #include <utility>
 #include <vector>
 
 namespace kornlt {
 
-// Allocator whose resize leaves trivial elements unset. The stacked matrix
-// arrays are written before they are read; leaving them unset lets a growth
-// copy its content in threads, which also spreads the first touch of the new
-// pages over the threads instead of zeroing them all on one.
+// A growable array of a trivially copyable type on malloc/realloc. Growth
+// keeps the content in place or lets the allocator move whole pages (large
+// blocks are remapped, not copied), and new elements are left unset: the
+// stacked matrix arrays grow level by level during setup, and copying all
+// levels below at every growth, then touching fresh pages for the copy,
+// would cost more than the coarse levels themselves. Throws std::bad_alloc.
 template <class T>
-struct UnsetAllocator : std::allocator<T> {
-  template <class U>
-  struct rebind {
-    using other = UnsetAllocator<U>;
-  };
-  UnsetAllocator() = default;
-  template <class U>
-  UnsetAllocator(const UnsetAllocator<U>&) noexcept {}
-  template <class U>
-  void construct(U* p) noexcept(std::is_nothrow_default_constructible_v<U>) {
-    ::new (static_cast<void*>(p)) U;
+class GrowArray {
+  static_assert(std::is_trivially_copyable_v<T>);
+
+ public:
+  using value_type = T;
+  GrowArray() = default;
+  GrowArray(const GrowArray&) = delete;
+  GrowArray& operator=(const GrowArray&) = delete;
+  GrowArray(GrowArray&& o) noexcept { swap(o); }
+  GrowArray& operator=(GrowArray&& o) noexcept {
+    GrowArray(std::move(o)).swap(*this);
+    return *this;
   }
-  template <class U, class... Args>
-  void construct(U* p, Args&&... args) {
-    ::new (static_cast<void*>(p)) U(std::forward<Args>(args)...);
+  ~GrowArray() { std::free(p_); }
+
+  T* data() { return p_; }
+  const T* data() const { return p_; }
+  T* begin() { return p_; }
+  T* end() { return p_ + n_; }
+  const T* begin() const { return p_; }
+  const T* end() const { return p_ + n_; }
+  std::size_t size() const { return n_; }
+  bool empty() const { return n_ == 0; }
+  T& operator[](std::size_t i) { return p_[i]; }
+  const T& operator[](std::size_t i) const { return p_[i]; }
+
+  // n elements; the first min(n, size()) keep their values, the rest are unset.
+  void resize(std::size_t n) {
+    if (n == n_) return;
+    if (n == 0) {
+      std::free(p_);
+      p_ = nullptr;
+      n_ = 0;
+      return;
+    }
+    if (n > std::numeric_limits<std::size_t>::max() / sizeof(T)) throw std::bad_alloc();
+    void* q = std::realloc(p_, n * sizeof(T));
+    if (q == nullptr) throw std::bad_alloc();
+    p_ = static_cast<T*>(q);
+    n_ = n;
   }
+  void assign(std::size_t n, const T& value) {
+    resize(n);
+    std::fill(p_, p_ + n_, value);
+  }
+  template <class It>
+  void assign(It first, It last) {
+    resize(static_cast<std::size_t>(std::distance(first, last)));
+    std::copy(first, last, p_);
+  }
+  void clear() { resize(0); }
+  void swap(GrowArray& o) noexcept {
+    std::swap(p_, o.p_);
+    std::swap(n_, o.n_);
+  }
+
+ private:
+  T* p_ = nullptr;
+  std::size_t n_ = 0;
 };
-template <class T>
-using UnsetVector = std::vector<T, UnsetAllocator<T>>;
 
 // A view of a 1-based array over the global index range lo..hi:
 // v(i) reads data[i - lo]. Debug builds check the bounds.
@@ -138,8 +185,8 @@ struct StoreState {
   // level_view(): ia over nnu+1..ndu+1, ja and a over nna+1..nda, u and f
   // over nnu+1..ndu. icg over 1..ndu, iw over 1..ndu+1, jw and w over 1..ndw.
   std::vector<int> ia;
-  UnsetVector<int> ja;
-  UnsetVector<double> a;
+  GrowArray<int> ja;
+  GrowArray<double> a;
   std::vector<double> u, f;
   std::vector<int> icg, iw, jw;
   std::vector<double> w;
