@@ -2,9 +2,9 @@
 // caller's own arrays; coarse levels continue them in library-owned arrays.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cassert>
-#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <iterator>
