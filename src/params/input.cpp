@@ -49,7 +49,7 @@ int widen_smoothing_code(int n) {
   return n > 0 ? 100 * n + 31 : 100 * n - 31;
 }
 
-// Step 36 to 41: nsolve, the approach and the smoother family.
+// nsolve: the approach and the smoother family.
 void decode_nsolve(Input& in, const InputArgs& args) {
   const Params& p = prm();
   const int nsolve = args.nsolve == 0 ? p.nsolve_default : args.nsolve;

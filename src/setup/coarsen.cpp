@@ -1,6 +1,23 @@
 // Coarse-point selection: the C/F split of a level (pcol, serial and
 // block-parallel), C-forcing (cforce), aggressive coarsening on a reduced graph
 // of the C-variables (reduce, rcol) and the split driver with its checks.
+//
+// The selection runs in ten steps, which the comments below refer to by number:
+//   1  rows of other unknowns leave the strong graph (their strong end negated)
+//   2  the transposed strong graph S^T and the measures |S^T_i|
+//   3  initial states from the strong end (undecided, FF, C for rows that
+//      violate diagonal dominance, outside)
+//   4  preselections from outside, where switched on
+//   5  the strong transposed neighbours of C-variables given beforehand turn F
+//   6  the count of what is still undecided; nothing left ends the selection
+//   7  undecided variables into buckets by measure
+//   8  the main loop: an empty top bucket steps down (8.1); take the largest
+//      measure (8.2); its undecided S^T neighbours turn F and raise the
+//      measures of their own strong neighbours (8.3); its undecided strong
+//      neighbours lose one (8.4); the changed variables move to their new
+//      buckets (8.5)
+//   9  cleaning: what stays undecided turns C or is counted as F
+//  10  the negation of step 1 undone, the report
 #include <omp.h>
 
 #include <algorithm>

@@ -113,7 +113,9 @@ inline RowScan scan_row(const double* a, int k0, int k1) {
   return r;
 }
 
-// Steps 1-3 of the classification of row i (d = ia(i), e = ia(i+1)): sets the
+// The class of row i (d = ia(i), e = ia(i+1)) before its strong couplings are
+// chosen: Dirichlet, strongly diagonally dominant, violating, non-positive
+// diagonal, only positive couplings, or normal. Sets the
 // strong end to ia(i), or 0 for the classes that cannot be treated normally,
 // keeps diagdom and the class counters. The comparisons are made exactly in
 // these forms: a zero diagonal with S > 0 is a violating row even for L = 1e70.

@@ -181,8 +181,9 @@ TEST_F(InterpTest, ConstantsReproducedBeforeAndAfterTruncation) {
 // Matrix T (truncation): row 1: diagonal 10; strong 2 (-4), 3 (-1), 4 (+0.5);
 //   weak 5 (-0.5); all others C. Direct: P = 0.5, N = 5, Nn = 0.5: alpha =
 //   1.1: -4.4, -1.1, +0.5, d = 10: w = 0.44, 0.11, -0.05. etr 0.3:
-//   ntrunc 1: common threshold max(0.15, 1.32): only -4.4 stays; the positive
-//     part 0.5 goes to the diagonal (10.5), alpha = 5.5/4.4: w2 = 5.5/10.5.
+//   ntrunc 1: common threshold max(0.15, 1.32): only -4.4 stays; the dropped
+//     positive coupling (0.5) is lumped into the diagonal (10.5), alpha =
+//     5.5/4.4: w2 = 5.5/10.5.
 //   ntrunc 2: thresholds 0.15 / 1.32: -4.4 and +0.5 stay, alpha = 1.25:
 //     w2 = 0.55, w4 = -0.05.
 // Matrix S (substitution): 1 F, 2 C, 3 F, 4 C, 5 C.
