@@ -21,6 +21,7 @@
 #include "log/log.hpp"
 #include "log/test_support.hpp"
 #include "params/params.hpp"
+#include "placed_level.hpp"
 #include "setup/setup.hpp"
 #include "store/store.hpp"
 
@@ -167,13 +168,7 @@ struct Level {
   void set_end(int i, int e) { ja[at(IA(i) - alo)] = e; }
   kornlt::LevelView view(int k = 1) {
     if (icg.empty()) icg.assign(at(n()), kornlt::kIcgUndecided);
-    kornlt::LevelView L;
-    L.k = k;
-    L.ilo = ilo;
-    L.ihi = ihi;
-    L.ia = kornlt::Vec1<int>(ia.data(), ilo, ihi + 1);
-    L.ja = kornlt::Vec1<int>(ja.data(), alo, alo + static_cast<int>(ja.size()) - 1);
-    L.a = kornlt::Vec1<double>(a.data(), alo, alo + static_cast<int>(a.size()) - 1);
+    kornlt::LevelView L = test_support::placed_view(k, ilo, ihi, alo, ia, ja, a);
     L.icg = kornlt::Vec1<int>(icg.data(), ilo, ihi);
     return L;
   }

@@ -14,6 +14,7 @@
 
 #include <gtest/gtest.h>
 
+#include "placed_level.hpp"
 #include "store/store.hpp"
 
 extern "C" void dgesv_(const int* n, const int* nrhs, double* a, const int* lda, int* ipiv, double* b,
@@ -173,13 +174,7 @@ struct Level {
   }
   int n() const { return ihi - ilo + 1; }
   kornlt::LevelView view(bool with_icg = true) {
-    kornlt::LevelView L;
-    L.k = k;
-    L.ilo = ilo;
-    L.ihi = ihi;
-    L.ia = kornlt::Vec1<int>(ia.data(), ilo, ihi + 1);
-    L.ja = kornlt::Vec1<int>(ja.data(), k0, k0 + static_cast<int>(a.size()) - 1);
-    L.a = kornlt::Vec1<double>(a.data(), k0, k0 + static_cast<int>(a.size()) - 1);
+    kornlt::LevelView L = test_support::placed_view(k, ilo, ihi, k0, ia, ja, a);
     L.u = kornlt::Vec1<double>(u.data(), ilo, ihi);
     L.f = kornlt::Vec1<double>(f.data(), ilo, ihi);
     if (with_icg) L.icg = kornlt::Vec1<int>(icg.data(), ilo, ihi);
