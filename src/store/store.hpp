@@ -7,7 +7,6 @@
 #include <cassert>
 #include <cstdint>
 #include <cstdlib>
-#include <iterator>
 #include <limits>
 #include <new>
 #include <type_traits>
@@ -46,8 +45,6 @@ class GrowArray {
   const T* end() const { return p_ + n_; }
   std::size_t size() const { return n_; }
   bool empty() const { return n_ == 0; }
-  T& operator[](std::size_t i) { return p_[i]; }
-  const T& operator[](std::size_t i) const { return p_[i]; }
 
   // n elements; the first min(n, size()) keep their values, the rest are unset.
   void resize(std::size_t n) {
@@ -68,12 +65,6 @@ class GrowArray {
     resize(n);
     std::fill(p_, p_ + n_, value);
   }
-  template <class It>
-  void assign(It first, It last) {
-    resize(static_cast<std::size_t>(std::distance(first, last)));
-    std::copy(first, last, p_);
-  }
-  void clear() { resize(0); }
   void swap(GrowArray& o) noexcept {
     std::swap(p_, o.p_);
     std::swap(n_, o.n_);
