@@ -1,7 +1,8 @@
-// Growth of the stacked arrays during setup. The content is moved aside (to a
-// temporary array, or to the scratch file when memory is too short for both
-// copies), the array is allocated anew with the larger bound, and the content
-// comes back.
+// Growth of the stacked arrays during setup. In memory the matrix arrays grow
+// where they lie (realloc) and the others are copied into their larger
+// successor in threads; when memory is short for both copies, or growth goes
+// through the scratch file, the content is moved aside, the array is
+// allocated anew with the larger bound, and the content comes back.
 #include <omp.h>
 
 #include <algorithm>
